@@ -1,0 +1,64 @@
+// Platform layer: the debug log line and the file-system helper. The implementation is chosen
+// once by the build (_posix/ or _windows/); nothing else in the library includes a system
+// header of either platform.
+#pragma once
+
+#include <list>
+#include <string>
+
+// MinGW formats with its own C99 printf (not msvcrt's), so the checks follow GNU rules there.
+#if defined(__MINGW32__)
+#define DATAEXCHANGE_PRINTF_FORMAT __attribute__((format(gnu_printf, 1, 2)))
+#elif defined(__GNUC__) || defined(__clang__)
+#define DATAEXCHANGE_PRINTF_FORMAT __attribute__((format(printf, 1, 2)))
+#else
+#define DATAEXCHANGE_PRINTF_FORMAT
+#endif
+
+// Writes one formatted line (at most 1023 characters, then "\n") to the debug output: the
+// debugger's output on Windows, standard error elsewhere. A null format or a formatting error
+// writes nothing.
+void debugPrint(const char* format, ...) DATAEXCHANGE_PRINTF_FORMAT;
+
+namespace measurement {
+
+struct FileEntry {
+    std::string path;
+    bool isDirectory = false;
+};
+
+class System {
+public:
+    static System& instance();
+    virtual ~System();
+
+    // 0: null or missing, 1: exists and is not a folder, 2: folder.
+    static int pathKind(const char* path);
+
+    // A new, empty folder, remembered for removal when the instance goes; "" on failure.
+    // Not guarded: concurrent callers must serialise themselves.
+    std::string createTemporaryFolder();
+
+    // Removes one empty folder; a failure is explained on the debug output.
+    static bool removeDirectory(const char* path);
+    // Deletes the files first and keeps every folder if one of them resists; then removes the
+    // folders deepest first. False for a path that is not a folder, without any output.
+    static bool removeDirectoryRecursively(const std::string& path);
+    // Appends the tree below `directory` in pre-order (a folder before its contents); symbolic
+    // links are entries, never followed. `nested` is informational only.
+    static bool findFiles(const std::string& directory, bool nested, std::list<FileEntry>& entries);
+
+    std::list<std::string> temporaryFolders;
+
+private:
+    System();
+    System(const System&) = delete;
+    System& operator=(const System&) = delete;
+
+    double scaleX = 1.0;
+    double scaleY = 1.0;
+    int reserved0 = 0;
+    int reserved1 = 1;
+};
+
+} // namespace measurement
