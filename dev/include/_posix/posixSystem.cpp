@@ -1,32 +1,190 @@
-// Placeholder until the Linux platform layer lands: enough for the rest of the library to link.
+// Linux implementation of the platform layer: debug lines go to standard error, the file-system
+// helpers use the POSIX calls that match the Windows ones of winSystem.cpp step by step, so that
+// both produce the same results, orders and messages.
 #include "System.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// The messages name this source file without its folder.
+constexpr const char* fileName(const char* path) {
+    const char* name = path;
+    for (const char* c = path; *c != '\0'; ++c)
+        if (*c == '/')
+            name = c + 1;
+    if (name != path)
+        return name;
+    for (const char* c = path; *c != '\0'; ++c)
+        if (*c == '\\')
+            name = c + 1;
+    return name;
+}
+
+constexpr const char* thisFile = fileName(__FILE__);
+
+} // namespace
 
 void debugPrint(const char* format, ...) {
     if (format == nullptr)
         return;
+    // errno is kept for callers that log a failure and then report its code.
+    const int savedErrno = errno;
+    // 1023 characters, the line feed and the terminating zero.
     char line[1025];
     va_list args;
     va_start(args, format);
-    int n = std::vsnprintf(line, 1024, format, args);
+    const int formatted = std::vsnprintf(line, 1024, format, args);
     va_end(args);
-    if (n < 0)
+    if (formatted < 0) {
+        errno = savedErrno;
         return;
-    std::fprintf(stderr, "%s\n", line);
+    }
+    const size_t length = std::strlen(line);
+    line[length] = '\n';
+    line[length + 1] = '\0';
+    // A single write keeps lines of concurrent threads apart.
+    while (::write(STDERR_FILENO, line, length + 1) < 0 && errno == EINTR) {
+    }
+    errno = savedErrno;
 }
 
 namespace measurement {
+
 System::System() = default;
-System::~System() = default;
+
+System::~System() {
+    for (const std::string& folder : temporaryFolders)
+        removeDirectoryRecursively(folder);
+    temporaryFolders.clear();
+}
+
 System& System::instance() {
     static System system;
     return system;
 }
-int System::pathKind(const char*) { return 0; }
-std::string System::createTemporaryFolder() { return {}; }
-bool System::removeDirectory(const char*) { return false; }
-bool System::removeDirectoryRecursively(const std::string&) { return false; }
-bool System::findFiles(const std::string&, bool, std::list<FileEntry>&) { return false; }
+
+int System::pathKind(const char* path) {
+    if (path == nullptr || ::access(path, F_OK) != 0)
+        return 0;
+    struct stat info;
+    if (::stat(path, &info) != 0)
+        return 0;
+    return S_ISDIR(info.st_mode) ? 2 : 1;
+}
+
+std::string System::createTemporaryFolder() {
+    // Like the Windows temporary folder: the user's choice when it names a folder, else /tmp.
+    const char* base = std::getenv("TMPDIR");
+    if (pathKind(base) != 2)
+        base = "/tmp";
+    std::string folder(base);
+    if (folder.back() != '/')
+        folder += '/';
+    folder += "tmpXXXXXX";
+    if (::mkdtemp(folder.data()) == nullptr)
+        return {};
+    temporaryFolders.push_back(folder);
+    return folder;
+}
+
+bool System::removeDirectory(const char* path) {
+    if (::rmdir(path) == 0)
+        return true;
+    const int error = errno;
+    switch (error) {
+    case ENOENT:
+        debugPrint("%s, line%i: path to %s is invalid", thisFile, __LINE__, path);
+        break;
+    case EACCES:
+        debugPrint("%s, line%i: a programm has an open handle to the directory %s", thisFile,
+                   __LINE__, path);
+        break;
+    case ENOTEMPTY:
+    case EEXIST: // what some systems report for a non-empty folder
+        debugPrint("%s, line%i: given path %s is not a directory, the directory is not empty or "
+                   "the directory is either the current working directory or the root directory",
+                   thisFile, __LINE__, path);
+        break;
+    default:
+        debugPrint("%s, line %i: unknown error %i", thisFile, __LINE__, error);
+        break;
+    }
+    return false;
+}
+
+bool System::findFiles(const std::string& directory, bool nested, std::list<FileEntry>& entries) {
+    static_cast<void>(nested);
+    if (pathKind(directory.c_str()) != 2)
+        return false;
+    std::string prefix = directory;
+    if (prefix.back() != '/')
+        prefix += '/';
+    DIR* folder = ::opendir(directory.c_str());
+    debugPrint("---Recursive: %s", directory.c_str());
+    if (folder == nullptr)
+        return false;
+    bool complete = true;
+    while (const dirent* found = ::readdir(folder)) {
+        const char* name = found->d_name;
+        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
+            continue;
+        const std::string fullPath = prefix + name;
+        // lstat: a symbolic link is an entry of its own, never a way out of the tree.
+        struct stat info;
+        const bool known = ::lstat(fullPath.c_str(), &info) == 0;
+        if (name[0] != '\0')
+            debugPrint("---File Found: %s, attributes %d", fullPath.c_str(),
+                       known ? static_cast<int>(info.st_mode) : -1);
+        if (!known) {
+            complete = false;
+            break;
+        }
+        const bool isDirectory = S_ISDIR(info.st_mode);
+        entries.push_back({fullPath, isDirectory});
+        if (isDirectory && !findFiles(fullPath, true, entries)) {
+            complete = false;
+            break;
+        }
+    }
+    ::closedir(folder);
+    return complete;
+}
+
+bool System::removeDirectoryRecursively(const std::string& path) {
+    std::list<FileEntry> entries;
+    if (!findFiles(path, false, entries))
+        return false;
+    entries.push_front({path, true});
+
+    // Folders are only touched once every file is gone, so a tree that resists stays whole.
+    bool filesErased = true;
+    for (const FileEntry& entry : entries) {
+        if (!entry.isDirectory && ::unlink(entry.path.c_str()) != 0) {
+            debugPrint("Could not erase file %s", entry.path.c_str());
+            filesErased = false;
+        }
+    }
+    if (!filesErased)
+        return false;
+    entries.remove_if([](const FileEntry& entry) { return !entry.isDirectory; });
+
+    // Pre-order reversed: every folder goes after the folders inside it.
+    bool removed = true;
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+        if (!removeDirectory(entry->path.c_str())) {
+            debugPrint("Could not erase directory %s error is %d", entry->path.c_str(), errno);
+            removed = false;
+        }
+    }
+    return removed;
+}
+
 } // namespace measurement
