@@ -1,0 +1,253 @@
+#include "server/ServerInteractor.h"
+
+#include "System.h"
+#include "api/LibraryGlobals.h"
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
+#include <QHttpMultiPart>
+#include <QHttpPart>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QSslSocket>
+#include <QUrl>
+#include <QUrlQuery>
+#include <QXmlStreamReader>
+
+namespace measurement::dataExchange {
+
+namespace {
+
+const QString serverElementPath = QStringLiteral("/Configuration/Server/");
+
+std::string quoted(const char* prefix, const QString& path) {
+    return prefix + path.toStdString() + "'";
+}
+
+std::string noElement(const QString& element) {
+    return "No " + (serverElementPath + element).toStdString() + " element";
+}
+
+std::string notOfType(const QString& element, const char* type) {
+    return "Element " + (serverElementPath + element).toStdString() + " is no " + type;
+}
+
+std::string missingElement(const QString& element) {
+    return "Missing " + (serverElementPath + element).toStdString() + " information in file";
+}
+
+QString elementText(QXmlStreamReader& reader) {
+    return reader.readElementText(QXmlStreamReader::SkipChildElements);
+}
+
+} // namespace
+
+ServerInteractor::ServerInteractor(const QMap<QString, QString>& formFields, QObject* parent)
+    : QObject(parent), formFields(formFields) {}
+
+ServerInteractor::~ServerInteractor() = default;
+
+bool ServerInteractor::readConfiguration(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+        lastErrorMessage = quoted("Cannot open file '", path);
+        return false;
+    }
+    QXmlStreamReader reader(&file);
+    // Elements other than Server and Proxy are entered, not skipped, so those two are found at
+    // any depth; an unknown element without children ends the reading with success.
+    while (!reader.atEnd()) {
+        if (!reader.readNextStartElement()) {
+            if (reader.error() != QXmlStreamReader::NoError) {
+                lastErrorMessage = reader.errorString().toStdString();
+                return false;
+            }
+            configurationRead = true;
+            return true;
+        }
+        const auto element = reader.name();
+        if (element == QLatin1String("Server")) {
+            if (!readServerElement(reader))
+                return false;
+        } else if (element == QLatin1String("Proxy")) {
+            if (!readProxyElement(reader))
+                return false;
+        }
+    }
+    // The document ended or broke off inside an element that was read whole.
+    return false;
+}
+
+bool ServerInteractor::readServerElement(QXmlStreamReader& reader) {
+    // Ordered by key, so missing elements are reported as Name, Port, Protocol, Timeout.
+    QMap<QString, bool> found{{QStringLiteral("Name"), false},
+                              {QStringLiteral("Protocol"), false},
+                              {QStringLiteral("Port"), false},
+                              {QStringLiteral("Timeout"), false}};
+    while (!reader.atEnd()) {
+        if (!reader.readNextStartElement()) {
+            if (reader.error() == QXmlStreamReader::NoError)
+                break;
+            lastErrorMessage = reader.errorString().toStdString();
+            return false;
+        }
+        const QString element = reader.name().toString();
+        bool converted = false;
+        if (element == QLatin1String("Name")) {
+            server.name = elementText(reader);
+            if (server.name.isEmpty()) {
+                lastErrorMessage = noElement(element);
+                return false;
+            }
+        } else if (element == QLatin1String("Protocol")) {
+            server.protocol = elementText(reader);
+            if (server.protocol.isEmpty()) {
+                lastErrorMessage = noElement(element);
+                return false;
+            }
+        } else if (element == QLatin1String("Port")) {
+            server.port = elementText(reader).toUShort(&converted, 10);
+            if (!converted) {
+                lastErrorMessage = notOfType(element, "uint16");
+                return false;
+            }
+        } else if (element == QLatin1String("Timeout")) {
+            server.timeout = elementText(reader).toUInt(&converted, 10);
+            // A failed conversion also yields 0, so zero and garbage share the first message.
+            if (server.timeout == 0) {
+                lastErrorMessage = noElement(element);
+                return false;
+            }
+            if (!converted) {
+                lastErrorMessage = notOfType(element, "uint32");
+                return false;
+            }
+        } else {
+            continue;
+        }
+        found[element] = true;
+    }
+    // Several missing elements give one message, the parts run together.
+    lastErrorMessage.clear();
+    for (auto it = found.cbegin(); it != found.cend(); ++it) {
+        if (!it.value())
+            lastErrorMessage += missingElement(it.key());
+    }
+    return lastErrorMessage.empty();
+}
+
+bool ServerInteractor::readProxyElement(QXmlStreamReader& reader) {
+    if (reader.atEnd())
+        return true;
+    while (reader.readNextStartElement()) {
+        const auto element = reader.name();
+        if (element == QLatin1String("Url"))
+            proxy.url = elementText(reader);
+        else if (element == QLatin1String("User"))
+            proxy.user = elementText(reader);
+        else if (element == QLatin1String("Password"))
+            proxy.password = elementText(reader);
+        if (reader.atEnd())
+            return true;
+    }
+    if (reader.error() == QXmlStreamReader::NoError)
+        return true;
+    lastErrorMessage = reader.errorString().toStdString();
+    return false;
+}
+
+bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
+    debugPrint("Using SSL lib version %s",
+               QSslSocket::sslLibraryBuildVersionString().toStdString().c_str());
+    if (_sslMissing())
+        return false;
+    // The file object comes first so that it outlives the manager and with it the reply that
+    // reads from it.
+    QFile file(filePath);
+    QNetworkAccessManager manager(this);
+    if (!file.open(QIODevice::ReadOnly)) {
+        lastErrorMessage = quoted("Could not open file '", filePath);
+        return false;
+    }
+
+    QHttpPart part;
+    part.setHeader(QNetworkRequest::ContentTypeHeader,
+                   QByteArrayLiteral("application/octet-stream"));
+    part.setHeader(QNetworkRequest::ContentDispositionHeader,
+                   QByteArrayLiteral("form-data; name=\"file\"; filename=\"") +
+                       QFileInfo(filePath).fileName().toLocal8Bit() + '"');
+    part.setBodyDevice(&file); // streamed: the file is never loaded whole
+    auto* multiPart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+    multiPart->append(part);
+
+    QNetworkReply* reply = manager.post(QNetworkRequest(_scriptUrl(uploadScriptName)), multiPart);
+    currentReply = reply;
+    // The body must outlive the transfer; it goes once the reply is done with it.
+    connect(reply, &QNetworkReply::finished, multiPart, &QObject::deleteLater);
+    _waitFor(reply);
+    if (_replyFailed(reply))
+        return false;
+    answer = QString::fromUtf8(reply->readAll());
+    debugPrint("Received answer %s", answer.toStdString().c_str());
+    return true;
+}
+
+bool ServerInteractor::pushJob(const QString& serverFileName) {
+    if (_sslMissing())
+        return false;
+    QNetworkAccessManager manager(this);
+    QUrlQuery query;
+    for (auto it = formFields.cbegin(); it != formFields.cend(); ++it)
+        query.addQueryItem(it.key(), it.value());
+    query.addQueryItem(QStringLiteral("file"), serverFileName);
+
+    QNetworkRequest request(_scriptUrl(pushJobScriptName));
+    request.setHeader(QNetworkRequest::ContentTypeHeader,
+                      QByteArrayLiteral("application/x-www-form-urlencoded"));
+    QNetworkReply* reply = manager.post(request, query.toString(QUrl::FullyEncoded).toUtf8());
+    currentReply = reply;
+    _waitFor(reply);
+    return !_replyFailed(reply);
+}
+
+void ServerInteractor::fileUploadFinished(QNetworkReply* reply) {
+    debugPrint("Error: %u", static_cast<unsigned>(reply->error()));
+}
+
+QUrl ServerInteractor::_scriptUrl(const QString& scriptName) const {
+    // The port never goes into the URL; a Name like "host:8443" carries one when needed.
+    return QUrl(QStringLiteral("%1://%2/%3").arg(server.protocol, server.name, scriptName),
+                QUrl::TolerantMode);
+}
+
+bool ServerInteractor::_sslMissing() {
+    // Checked for plain http as well: without a working SSL library nothing is sent.
+    if (QSslSocket::supportsSsl())
+        return false;
+    lastErrorMessage = "No SSL support";
+    return true;
+}
+
+void ServerInteractor::_waitFor(QNetworkReply* reply) {
+    // Without an application object QEventLoop::exec() never returns; the handle's application
+    // wrapper provides one, so reaching this point without it is a programming error.
+    Q_ASSERT_X(QCoreApplication::instance() != nullptr, "ServerInteractor",
+               "a request waits on a QEventLoop, which needs a QCoreApplication");
+    QEventLoop loop;
+    connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    // No time limit: the call returns only when the reply has finished.
+    if (!reply->isFinished())
+        loop.exec();
+}
+
+bool ServerInteractor::_replyFailed(const QNetworkReply* reply) {
+    if (reply->error() == QNetworkReply::NoError)
+        return false;
+    lastErrorMessage = reply->errorString().toStdString();
+    return true;
+}
+
+} // namespace measurement::dataExchange

@@ -1,0 +1,65 @@
+// Talks to the processing server: reads config.xml, posts a packed item to the upload script
+// and asks the job script to process it. One object serves one delivery on the caller's thread.
+#pragma once
+
+#include "server/ProxySettings.h"
+#include "server/ServerSettings.h"
+
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <string>
+
+class QNetworkAccessManager;
+class QNetworkReply;
+class QUrl;
+class QXmlStreamReader;
+
+namespace measurement::dataExchange {
+
+class ServerInteractor : public QObject {
+    Q_OBJECT
+
+public:
+    explicit ServerInteractor(const QMap<QString, QString>& formFields, QObject* parent = nullptr);
+    ~ServerInteractor() override;
+
+    // True when the document was read and every Server element in it was valid; on false the
+    // reason is in lastError() (empty when the document broke off right after a valid Server).
+    bool readConfiguration(const QString& path);
+
+    // Posts the file as the multipart part "file"; answer is the server's reply body.
+    bool uploadFile(const QString& filePath, QString& answer);
+
+    // Posts the form fields and "file" = serverFileName to the job script.
+    bool pushJob(const QString& serverFileName);
+
+    const std::string& lastError() const { return lastErrorMessage; }
+
+    const ServerSettings& serverSettings() const { return server; }
+    const ProxySettings& proxySettings() const { return proxy; }
+    bool isConfigurationRead() const { return configurationRead; }
+
+protected slots:
+    // Kept for callers that connect it to QNetworkAccessManager::finished; the library itself
+    // waits on the reply instead.
+    void fileUploadFinished(QNetworkReply* reply);
+
+private:
+    bool readServerElement(QXmlStreamReader& reader);
+    bool readProxyElement(QXmlStreamReader& reader);
+
+    QUrl _scriptUrl(const QString& scriptName) const;
+    bool _sslMissing();
+    void _waitFor(QNetworkReply* reply);
+    bool _replyFailed(const QNetworkReply* reply);
+
+    ServerSettings server;
+    ProxySettings proxy;
+    bool configurationRead = false;
+    QNetworkReply* currentReply = nullptr; // not owned; valid only while a request runs
+    QMap<QString, QString> formFields;
+    std::string lastErrorMessage;
+};
+
+} // namespace measurement::dataExchange
