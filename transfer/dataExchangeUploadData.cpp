@@ -1,12 +1,73 @@
-// The upload export.
+// The upload export: checks its arguments, runs a FileHandler and reports the outcome.
+#include "System.h"
 #include "api/dataExchangeLibraryImp.h"
+#include "transfer/FileHandler.h"
 
-extern "C" DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeUploadData(
-    dataExchangeLibraryImp* handle, const char* /*fileOrFolderName*/,
-    size_t /*writtenFileNameSize*/, char* /*writtenFileName*/, uint32_t* /*usedLocation*/) {
+#include <cstring>
+#include <string>
+
+using measurement::System;
+using measurement::dataExchange::FileHandler;
+
+namespace {
+
+namespace message {
+std::string emptyName() {
+    return "Empty file or folder name provided";
+}
+std::string emptyBuffer() {
+    return "Empty writtenFileName string provided";
+}
+std::string missing(const char* path) {
+    return std::string("File or folder ") + path + " does not exist";
+}
+std::string orFallback(const std::string& error, const char* fallback) {
+    return error.empty() ? std::string(fallback) : error;
+}
+std::string nameTooLong() {
+    return "Written file name is too long for allocated buffer";
+}
+} // namespace message
+
+int32_t fail(dataExchangeLibraryImp& handle, std::string text, int32_t result) {
+    handle.appendError(std::move(text));
+    return result;
+}
+
+} // namespace
+
+extern "C" DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeUploadData(dataExchangeLibraryImp* handle, const char* fileOrFolderName,
+                       size_t writtenFileNameSize, char* writtenFileName, uint32_t* usedLocation) {
     if (handle == nullptr)
         return InvalidArgument;
     handle->clearErrors();
-    handle->appendError("Unknown error handling data");
-    return DataHandlingFailed;
+    if (fileOrFolderName == nullptr || *fileOrFolderName == '\0')
+        return fail(*handle, message::emptyName(), InvalidArgument);
+    if (writtenFileNameSize == 0 && writtenFileName != nullptr)
+        return fail(*handle, message::emptyBuffer(), InvalidArgument);
+    if (System::pathKind(fileOrFolderName) == 0)
+        return fail(*handle, message::missing(fileOrFolderName), ReadFailed);
+
+    FileHandler handler;
+    if (!handler.configure(handle))
+        return fail(*handle,
+                    message::orFallback(handler.error, "Unknown error configuring file handler"),
+                    HandlerConfigurationFailed);
+    QString name;
+    uint32_t used = 0;
+    if (!handler.handleData(QString::fromUtf8(fileOrFolderName), name, used))
+        return fail(*handle, message::orFallback(handler.error, "Unknown error handling data"),
+                    DataHandlingFailed);
+    // The destination is reported even when the name does not fit: the data was delivered.
+    if (usedLocation != nullptr)
+        *usedLocation = used;
+    if (writtenFileName != nullptr) {
+        const std::string text = name.toStdString();
+        std::strncpy(writtenFileName, text.c_str(), writtenFileNameSize);
+        // Measured in UTF-16 units, as hosts on Windows count characters.
+        if (writtenFileNameSize <= static_cast<size_t>(name.size()))
+            return fail(*handle, message::nameTooLong(), BufferTooSmall);
+    }
+    return Success;
 }

@@ -1,0 +1,156 @@
+#include "transfer/FileHandler.h"
+
+#include "System.h"
+#include "api/dataExchangeLibraryImp.h"
+#include "options/OptionCatalogue.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMessageLogger>
+#include <quazip/quazip.h>
+#include <quazip/quazipfile.h>
+#include <quazip/quazipnewinfo.h>
+
+namespace measurement::dataExchange {
+
+namespace {
+
+constexpr const char* timeStampFormat = "yyyy-MM-dd_hh-mm-ss";
+
+// The handle's messages (each followed by a line feed) become the handler's error.
+std::string takeHandleErrors(dataExchangeLibraryImp& handle, const char* fallback) {
+    std::string text;
+    if (!handle.takeErrors(text))
+        text = fallback;
+    return text;
+}
+
+std::string quoted(const QString& text) {
+    return "'" + text.toStdString() + "'";
+}
+
+} // namespace
+
+FileHandler::FileHandler(QObject* parent) : QObject(parent) {}
+
+bool FileHandler::configure(dataExchangeLibraryImp* handle) {
+    timeStamp = QDateTime::currentDateTime().toString(timeStampFormat);
+    std::string tag;
+    if (dataTypeTag(*handle, tag) != dataExchangeLibraryImp::Ok) {
+        error = takeHandleErrors(*handle, "Unknown error getting 'Data type' option string");
+        return false;
+    }
+    dataType = QString::fromStdString(tag);
+    location = loadLocation(handle);
+    const uint64_t serial = loadSerialNumber(handle);
+    const auto report = static_cast<int32_t>(loadReport(handle));
+    const std::string email = loadEmailAddress(handle);
+    const std::string user = loadUserName(handle);
+    std::string device;
+    if (deviceTypeCode(*handle, device) != dataExchangeLibraryImp::Ok) {
+        error = takeHandleErrors(*handle, "Unknown error getting 'Device type' option string");
+        return false;
+    }
+    settings.insert("sn", QVariant::fromValue<quint64>(serial));
+    settings.insert("device", QString::fromStdString(device));
+    // The processing site files data-logger recordings under the type "hex".
+    settings.insert("type", dataType == "datalogger" ? QStringLiteral("hex") : dataType);
+    settings.insert("email", QString::fromStdString(email));
+    // Only AVT data offer a report.
+    if (dataType == "AVT")
+        settings.insert("report", report == 1 ? QStringLiteral("yes") : QStringLiteral("no"));
+    if (!user.empty())
+        settings.insert("user", QString::fromStdString(user));
+    return true;
+}
+
+bool FileHandler::_packData(const QString& source, QString& packedPath) {
+    const std::string folder = System::instance().createTemporaryFolder();
+    if (folder.empty()) {
+        error = "Could not create temporary directory";
+        return false;
+    }
+    packedPath = QString::fromStdString(folder);
+    const QFileInfo info(source);
+    if (info.isDir())
+        return _zipFolder(source, packedPath);
+    if (!info.isFile())
+        return false;
+    sourceName = info.fileName();
+    packageName = QStringLiteral("%1_%2").arg(dataType, sourceName);
+    packedPath = QDir(packedPath).absoluteFilePath(packageName);
+    QFile file(source, this);
+    if (file.open(QIODevice::ReadOnly) && file.copy(packedPath))
+        return true;
+    file.close();
+    return false;
+}
+
+bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
+    sourceName = QDir(folder).dirName();
+    packageName = QStringLiteral("%1_%2.zip").arg(dataType, sourceName);
+    packedPath = QDir(packedPath).absoluteFilePath(packageName);
+    const QByteArray archiveName = packedPath.toLocal8Bit();
+    QFile zipFile(packedPath, this);
+    if (!zipFile.open(QIODevice::WriteOnly))
+        return false;
+    // QuaZip's defaults add zip64 records on demand, so archives over 4 GiB and folders of more
+    // than 65,535 files stay readable; keep them. Entry names are flagged as UTF-8 so that other
+    // readers show non-ASCII names as they are.
+    QuaZip zip(&zipFile);
+    zip.setUtf8Enabled(true);
+    if (!zip.open(QuaZip::mdCreate, nullptr)) {
+        error = "Cannot create zip file " + quoted(packedPath);
+        return false;
+    }
+    const QDir dir(folder);
+    const QStringList names = dir.entryList(
+        QDir::Dirs | QDir::Files | QDir::Readable | QDir::NoDotAndDotDot, QDir::NoSort);
+    for (const QString& name : names) {
+        QuaZipFile entry(&zip);
+        const QString filePath = dir.filePath(name);
+        const bool isFolder = QFileInfo(filePath).isDir();
+        const QByteArray utf8Name = name.toUtf8();
+        if (!entry.open(QIODevice::WriteOnly, QuaZipNewInfo(name, filePath), nullptr, 0,
+                        isFolder ? 0 : Z_DEFLATED, Z_DEFAULT_COMPRESSION, false, -MAX_WBITS, 8,
+                        Z_DEFAULT_STRATEGY)) {
+            QMessageLogger().warning("Couldn't open %s in %s", utf8Name.constData(),
+                                     archiveName.constData());
+            return false;
+        }
+        // Only a folder's own files are sent: a folder with sub-folders is refused as a whole.
+        if (isFolder) {
+            error = "Subdirectory '" + name.toStdString() + "' contents will be skipped";
+            return false;
+        }
+        debugPrint("Adding file %s", utf8Name.constData());
+        const QByteArray utf8Path = filePath.toUtf8();
+        QFile input(filePath);
+        if (!input.open(QIODevice::ReadOnly)) {
+            QMessageLogger().warning("Couldn't open %s", utf8Path.constData());
+            return false;
+        }
+        while (!input.atEnd()) {
+            char buffer[4096];
+            const qint64 read = input.read(buffer, sizeof buffer);
+            if (read <= 0) {
+                QMessageLogger().warning("Couldn't read %s", utf8Path.constData());
+                return false;
+            }
+            if (entry.write(buffer, read) < read) {
+                QMessageLogger().warning("Couldn't write to %s in %s", utf8Path.constData(),
+                                         archiveName.constData());
+                return false;
+            }
+        }
+        input.close();
+        entry.close();
+    }
+    zip.close();
+    zipFile.close();
+    return QFileInfo::exists(QString::fromLocal8Bit(archiveName));
+}
+
+} // namespace measurement::dataExchange

@@ -1,0 +1,47 @@
+// The work of one upload: configured from a handle's options, it packs the named file or folder
+// into a fresh temporary folder and delivers the packed item. Lives on the upload call's stack.
+#pragma once
+
+#include "dataExchange.h"
+
+#include <QHash>
+#include <QObject>
+#include <QString>
+#include <QVariant>
+#include <cstdint>
+#include <string>
+
+namespace measurement::dataExchange {
+
+class FileHandler : public QObject {
+    Q_OBJECT
+
+public:
+    explicit FileHandler(QObject* parent = nullptr);
+    ~FileHandler() override = default;
+
+    // Reads the options into the members and the settings table; false with error set when the
+    // device or data type cannot be converted.
+    bool configure(dataExchangeLibraryImp* handle);
+
+    // Packs fileOrFolder and delivers it to each destination of location in turn until one
+    // takes it; gives back the delivered file name and the destination.
+    bool handleData(const QString& fileOrFolder, QString& writtenFileName, uint32_t& usedLocation);
+
+    QString timeStamp;
+    QString dataType;
+    QString sourceName;
+    QString packageName;
+    uint32_t location = SharedFolderThenServer;
+    QHash<QString, QVariant> settings;
+    std::string error;
+
+private:
+    friend struct FileHandlerProbe; // lets the tests drive single steps
+
+    bool _packData(const QString& source, QString& packedPath);
+    bool _zipFolder(const QString& folder, QString& packedPath);
+    bool _performUpload(const QString& packedPath, const dataExchangeLocation& location);
+};
+
+} // namespace measurement::dataExchange

@@ -1,0 +1,160 @@
+// FileHandler: the driver of an upload and the delivery of the packed item to one destination.
+#include "transfer/FileHandler.h"
+
+#include "System.h"
+#include "api/Signature.h"
+#include "server/ServerInteractor.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QTextStream>
+#include <vector>
+
+namespace measurement::dataExchange {
+
+namespace {
+
+std::string quoted(const QString& text) {
+    return "'" + text.toStdString() + "'";
+}
+
+std::vector<dataExchangeLocation> destinations(uint32_t location) {
+    switch (location) {
+    case SharedFolder:
+        return {SharedFolder};
+    case Server:
+        return {Server};
+    case SharedFolderThenServer:
+        return {SharedFolder, Server};
+    default:
+        return {};
+    }
+}
+
+// The ".info" side file and the server's form carry the same values; the serial goes as
+// "0x" + hex into the file and as decimal onto the wire, both as the processing site reads them.
+void writeInfo(QTextStream& out, const QHash<QString, QVariant>& settings) {
+    out << "sn 0x" << QString::number(settings.value("sn").toULongLong(), 16) << '\n';
+    out << "device " << settings.value("device").toString() << '\n';
+    out << "type " << settings.value("type").toString() << '\n';
+    out << "email " << settings.value("email").toString() << '\n';
+    if (settings.value("type").toString() == "AVT")
+        out << "report " << settings.value("report").toString() << '\n';
+    if (settings.contains("user"))
+        out << "user " << settings.value("user").toString() << '\n';
+}
+
+QMap<QString, QString> formFields(const QHash<QString, QVariant>& settings) {
+    QMap<QString, QString> fields;
+    for (const char* key : {"device", "email", "type"})
+        fields.insert(key, settings.value(key).toString());
+    fields.insert("sn", QString::number(settings.value("sn").toULongLong(), 10));
+    if (settings.value("type").toString() == "AVT")
+        fields.insert("report", settings.value("report").toString());
+    if (settings.contains("user"))
+        fields.insert("user", settings.value("user").toString());
+    return fields;
+}
+
+// config.xml beside the calling application, else in its "../data" folder; empty if neither.
+QString findConfiguration() {
+    const QDir appDir(QCoreApplication::applicationDirPath());
+    debugPrint("Calling application lies in %s", appDir.absolutePath().toLocal8Bit().constData());
+    if (QFileInfo::exists(appDir.filePath("config.xml")))
+        return appDir.filePath("config.xml");
+    if (QFileInfo::exists(appDir.filePath("../data/config.xml")))
+        return QDir(QDir::cleanPath(appDir.path() + "/../data")).filePath("config.xml");
+    return {};
+}
+
+} // namespace
+
+bool FileHandler::handleData(const QString& fileOrFolder, QString& writtenFileName,
+                             uint32_t& usedLocation) {
+    const std::vector<dataExchangeLocation> tries = destinations(location);
+    QString packedPath;
+    if (!_packData(fileOrFolder, packedPath))
+        return false;
+    for (const dataExchangeLocation destination : tries) {
+        if (_performUpload(packedPath, destination)) {
+            writtenFileName = QFileInfo(packageName).fileName();
+            usedLocation = destination;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool FileHandler::_performUpload(const QString& packedPath, const dataExchangeLocation& location) {
+    if (location == SharedFolder) {
+        const QString folder = QStringLiteral(DATAEXCHANGE_SHARED_FOLDER)
+                                   .arg(settings.value("device").toString().left(3), dataType);
+        if (!QFileInfo::exists(folder)) {
+            error = "Shared folder " + quoted(folder) +
+                    " does not seem to exist, please check it is correctly mounted";
+            return false;
+        }
+        QFile packed(packedPath);
+        if (!packed.open(QIODevice::ReadWrite)) {
+            error = "Could not open file " + quoted(packedPath);
+            return false;
+        }
+        packed.close();
+        // Named before the move is tried: after a failed move the caller still learns the
+        // intended target.
+        packageName = QDir(folder).filePath(
+            QStringLiteral("%1_%2").arg(timeStamp, QFileInfo(packedPath).fileName()));
+        debugPrint("Trying to move %s to %s", packedPath.toUtf8().constData(),
+                   packageName.toUtf8().constData());
+        if (!QFile::rename(packedPath, packageName)) {
+            error = "Cannot move file " + quoted(packedPath) + " to " + quoted(packageName);
+            return false;
+        }
+        QFile info(packageName + ".info");
+        if (!info.open(QIODevice::WriteOnly | QIODevice::Text)) {
+            error = "Could not create file " + quoted(info.fileName());
+            // Without its side file the item would never be processed.
+            QFile::remove(packageName);
+            return false;
+        }
+        QTextStream out(&info);
+        writeInfo(out, settings);
+        out.flush();
+        info.close();
+        return true;
+    }
+    if (location == Server) {
+        ServerInteractor interactor(formFields(settings), nullptr);
+        const QString configPath = findConfiguration();
+        if (configPath.isEmpty()) {
+            error = "Could not find any config.xml file";
+            return false;
+        }
+        debugPrint("Found config file %s", configPath.toLocal8Bit().constData());
+        if (!interactor.readConfiguration(configPath)) {
+            error.clear();
+            error = interactor.lastError();
+            if (error.empty())
+                error = "Unknown error loading config file " + quoted(configPath);
+            return false;
+        }
+        QString answer;
+        // A failed upload leaves error as it was: the caller then reports its own fall-back.
+        if (!interactor.uploadFile(packedPath, answer))
+            return false;
+        if (!interactor.pushJob(answer)) {
+            error = interactor.lastError();
+            if (error.empty())
+                error = "Unknown error in POST request";
+            return false;
+        }
+        return true;
+    }
+    error = std::string("Unhandled location in ") + DATAEXCHANGE_SIGNATURE;
+    return false;
+}
+
+} // namespace measurement::dataExchange
