@@ -1,0 +1,451 @@
+/*
+ * dataexchange-upload: sends a measurement file or folder to the processing site from the
+ * command line. A plain C99 host of the public header, so it runs wherever the library does and
+ * shows a customer the whole call sequence: open, set the options, upload, read the errors,
+ * close.
+ */
+#include "dataExchange.h"
+
+#include <errno.h>
+#include <inttypes.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define TOOL "dataexchange-upload"
+
+/* The error list is emptied when read, so a second, larger read is impossible: one buffer big
+ * enough for any realistic list is the only way not to lose messages. */
+static char errorText[64 * 1024];
+/* Delivered names are file names with a time stamp in front; this is far beyond any of them. */
+static char deliveredName[32 * 1024];
+/* Texts of the string options, which the library does not limit. */
+static char valueText[64 * 1024];
+
+enum { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2 };
+
+/* One distinct exit status per result code, so that scripts can tell the causes apart. --help
+ * prints this table, which keeps the documentation and the behaviour in step. */
+static const struct {
+    int32_t result;
+    int status;
+    const char* meaning;
+} exitStatuses[] = {
+    {InvalidArgument, 3, "invalid argument (e.g. an empty path)"},
+    {ReadFailed, 4, "the file or folder does not exist, or an option could not be read"},
+    {WriteFailed, 5, "an option value was refused (e.g. an invalid e-mail address)"},
+    {InvalidOption, 6, "no such option, or an option of another type"},
+    {NotAvailable, 7, "an option value is not available"},
+    {HandlerConfigurationFailed, 8, "the options do not describe an upload (device or data type)"},
+    {DataHandlingFailed, 9, "packing failed, or no destination accepted the data"},
+    {BufferTooSmall, 10, "delivered, but the delivered name was cut"},
+};
+
+static int exitStatusOf(int32_t result) {
+    size_t i;
+    if (result == Success)
+        return ExitSuccess;
+    for (i = 0; i < sizeof exitStatuses / sizeof exitStatuses[0]; ++i)
+        if (exitStatuses[i].result == result)
+            return exitStatuses[i].status;
+    return ExitFailure;
+}
+
+/* The flags that set options; the option's type decides which Set export is called. */
+static const struct {
+    const char* flag;
+    const char* option;
+    dataExchangeOptionType type;
+    const char* argument;
+    const char* help;
+} optionFlags[] = {
+    {"--device-type", "Device type", Int32, "N",
+     "device: 0 Corvane X5, 1 Corvane X2, 2 Lumex M1, 3 Lumex M3, 4 Braidline"},
+    {"--data-type", "Data type", Int32, "N",
+     "kind of data: 0 precalibration, 1 cmm, 2 forest, 3 AVT, 4 datalogger,\n"
+     "                   5 cit, 6 logFile"},
+    {"--serial", "Serial number", Uint64, "N", "serial number of the device (0 to 2^64-1)"},
+    {"--location", "Location", Uint32, "N",
+     "where to: 1 shared folder, 2 server, 3 shared folder and, if that\n"
+     "                   fails, the server (default)"},
+    {"--email", "Email address", String, "TEXT", "e-mail address of the sender"},
+    {"--report", "Report", Uint32, "N", "1 a report is wanted (default), 0 none"},
+    {"--user", "User", String, "TEXT", "user (nick) name of the sender"},
+};
+#define OPTION_FLAG_COUNT (sizeof optionFlags / sizeof optionFlags[0])
+
+static void printHelp(void) {
+    size_t i;
+    printf("Usage: " TOOL " [OPTIONS] PATH\n"
+           "       " TOOL " [OPTIONS] --list-options\n"
+           "\n"
+           "Sends the file or folder PATH to the processing site: a folder is packed into a zip\n"
+           "of its top-level files, a file is sent as it is. On success prints the name under\n"
+           "which the data was delivered and the destination that took it.\n"
+           "\n"
+           "Options (N is a decimal number; values outside an option's range are clipped\n"
+           "with a warning):\n");
+    for (i = 0; i < OPTION_FLAG_COUNT; ++i)
+        printf("  %s %-*s%s\n", optionFlags[i].flag, (int)(16 - strlen(optionFlags[i].flag)),
+               optionFlags[i].argument, optionFlags[i].help);
+    printf("  --list-options   print every option with its type, summary and its current,\n"
+           "                   minimum, maximum and default values (after applying the\n"
+           "                   options above), then exit without uploading\n"
+           "  --version        print the library's version and source revision\n"
+           "  --help           print this help\n"
+           "  --               end of options; the next argument is PATH even if it starts\n"
+           "                   with '-'\n"
+           "A flag's value may also follow an equals sign: --location=2.\n"
+           "\n"
+           "The server's address is read from config.xml, next to this program or in\n"
+           "../data beside it. Messages of the library go to standard error, one per line.\n"
+           "\n"
+           "Exit status:\n"
+           "  %2d  success\n"
+           "  %2d  the library could not be opened, or an unexpected result\n"
+           "  %2d  usage error (unknown flag, bad number, missing or extra PATH)\n",
+           ExitSuccess, ExitFailure, ExitUsage);
+    for (i = 0; i < sizeof exitStatuses / sizeof exitStatuses[0]; ++i)
+        printf("  %2d  result %3d: %s\n", exitStatuses[i].status, (int)exitStatuses[i].result,
+               exitStatuses[i].meaning);
+}
+
+static int usageError(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    fprintf(stderr, TOOL ": ");
+    vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    fprintf(stderr, "\nTry '" TOOL " --help' for more information.\n");
+    return ExitUsage;
+}
+
+/* A value of one option flag, parsed and range-checked for the option's type before the
+ * library is opened, so that a typo costs nothing. */
+typedef struct {
+    size_t flag;
+    const char* text;
+    int64_t signedValue;
+    uint64_t unsignedValue;
+} Setting;
+
+/* Whole decimal numbers only: strtoull alone would accept "-1" as 2^64-1, and trailing junk. */
+static int parseNumber(const char* text, dataExchangeOptionType type, Setting* setting) {
+    char* end = NULL;
+    errno = 0;
+    if (type == Int32) {
+        long long value = strtoll(text, &end, 10);
+        if (end == text || *end != '\0' || errno == ERANGE || value < INT32_MIN ||
+            value > INT32_MAX || (*text != '-' && *text != '+' && (*text < '0' || *text > '9')))
+            return 0;
+        setting->signedValue = value;
+        return 1;
+    }
+    if (*text < '0' || *text > '9')
+        return 0;
+    setting->unsignedValue = strtoull(text, &end, 10);
+    if (*end != '\0' || errno == ERANGE)
+        return 0;
+    return type == Uint64 || setting->unsignedValue <= UINT32_MAX;
+}
+
+/* Writes the handle's error list to standard error; returns whether there was any. */
+static int printErrors(dataExchangeLibraryImp* handle) {
+    int32_t result;
+    errorText[0] = '\0';
+    result = dataExchangeGetLastErrors(handle, sizeof errorText, errorText);
+    if (result == BufferTooSmall) {
+        fwrite(errorText, 1, sizeof errorText, stderr);
+        fprintf(stderr, "\n" TOOL ": further messages were cut\n");
+        return 1;
+    }
+    fputs(errorText, stderr);
+    return errorText[0] != '\0';
+}
+
+static void printFailure(dataExchangeLibraryImp* handle, const char* what, int32_t result) {
+    if (!printErrors(handle))
+        fprintf(stderr, TOOL ": %s failed with result %d\n", what, (int)result);
+}
+
+/* Reads back what a clipping setter stored, to tell the user the value now in effect. */
+static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
+    const char* name = optionFlags[flag].option;
+    int32_t i32 = 0;
+    uint32_t u32 = 0;
+    uint64_t u64 = 0;
+    if (optionFlags[flag].type == Int32 &&
+        dataExchangeGetInt32Option(handle, name, Current, &i32) == Success)
+        fprintf(stderr, TOOL ": warning: %s stored as %" PRId32 "\n", optionFlags[flag].flag, i32);
+    else if (optionFlags[flag].type == Uint32 &&
+             dataExchangeGetUint32Option(handle, name, Current, &u32) == Success)
+        fprintf(stderr, TOOL ": warning: %s stored as %" PRIu32 "\n", optionFlags[flag].flag, u32);
+    else if (optionFlags[flag].type == Uint64 &&
+             dataExchangeGetUint64Option(handle, name, Current, &u64) == Success)
+        fprintf(stderr, TOOL ": warning: %s stored as %" PRIu64 "\n", optionFlags[flag].flag, u64);
+}
+
+static int32_t applySetting(dataExchangeLibraryImp* handle, const Setting* setting) {
+    const char* name = optionFlags[setting->flag].option;
+    switch (optionFlags[setting->flag].type) {
+    case Int32:
+        return dataExchangeSetInt32Option(handle, name, (int32_t)setting->signedValue);
+    case Uint32:
+        return dataExchangeSetUint32Option(handle, name, (uint32_t)setting->unsignedValue);
+    case Uint64:
+        return dataExchangeSetUint64Option(handle, name, setting->unsignedValue);
+    default:
+        return dataExchangeSetStringOption(handle, name, setting->text);
+    }
+}
+
+/* ---- --list-options ------------------------------------------------------------------------ */
+
+/* Far more than the library offers; a longer enumeration is cut rather than overflowing. */
+#define MAX_OPTIONS 64
+
+typedef struct {
+    const char* name;
+    const char* summary;
+    uint32_t access;
+    uint32_t type;
+} OptionEntry;
+
+typedef struct {
+    OptionEntry entries[MAX_OPTIONS];
+    size_t count;
+} OptionList;
+
+static void DATAEXCHANGE_CALL collectOption(const char* name, const char* summary,
+                                            const char* description, uint32_t access, uint32_t type,
+                                            void* context) {
+    OptionList* list = (OptionList*)context;
+    (void)description;
+    if (list->count == MAX_OPTIONS)
+        return;
+    list->entries[list->count].name = name;
+    list->entries[list->count].summary = summary;
+    list->entries[list->count].access = access;
+    list->entries[list->count].type = type;
+    ++list->count;
+}
+
+static const char* typeName(uint32_t type) {
+    static const char* const names[] = {"Int32", "Uint32", "Uint64", "String"};
+    return type < 4 ? names[type] : "unknown type";
+}
+
+/* Prints one value as " label value"; NotAvailable means the option has no such value and
+ * prints "none". Any other failure is reported and returned, the listing goes on. */
+static int32_t printValue(dataExchangeLibraryImp* handle, const OptionEntry* option,
+                          uint32_t which) {
+    static const char* const labels[] = {"current", "min", "max", "default"};
+    int32_t result;
+    int32_t i32 = 0;
+    uint32_t u32 = 0;
+    uint64_t u64 = 0;
+    printf("%s%s ", which == Current ? "" : ", ", labels[which]);
+    switch (option->type) {
+    case Int32:
+        result = dataExchangeGetInt32Option(handle, option->name, which, &i32);
+        if (result == Success)
+            printf("%" PRId32, i32);
+        break;
+    case Uint32:
+        result = dataExchangeGetUint32Option(handle, option->name, which, &u32);
+        if (result == Success)
+            printf("%" PRIu32, u32);
+        break;
+    case Uint64:
+        result = dataExchangeGetUint64Option(handle, option->name, which, &u64);
+        if (result == Success)
+            printf("%" PRIu64, u64);
+        break;
+    case String:
+        result =
+            dataExchangeGetStringOption(handle, option->name, which, sizeof valueText, valueText);
+        if (result == Success)
+            printf("\"%s\"", valueText);
+        break;
+    default:
+        printf("?");
+        return Success;
+    }
+    if (result == NotAvailable) {
+        printf("none");
+        return Success;
+    }
+    if (result != Success) {
+        printf("unreadable");
+        fflush(stdout);
+        printFailure(handle, option->name, result);
+    }
+    return result;
+}
+
+static int32_t listOptions(dataExchangeLibraryImp* handle) {
+    OptionList list;
+    int32_t failure = Success;
+    size_t i;
+    uint32_t which;
+    list.count = 0;
+    dataExchangeEnumerateOptions(handle, collectOption, &list);
+    for (i = 0; i < list.count; ++i) {
+        const OptionEntry* option = &list.entries[i];
+        printf("%s (%s): %s\n    ", option->name, typeName(option->type), option->summary);
+        for (which = Current; which <= Default; ++which) {
+            int32_t result = printValue(handle, option, which);
+            if (result != Success && failure == Success)
+                failure = result;
+        }
+        printf("\n");
+    }
+    return failure;
+}
+
+/* ---- upload -------------------------------------------------------------------------------- */
+
+static const char* destinationName(uint32_t location) {
+    if (location == SharedFolder)
+        return "shared folder";
+    if (location == Server)
+        return "server";
+    return "unknown destination";
+}
+
+static int32_t upload(dataExchangeLibraryImp* handle, const char* path) {
+    uint32_t location = 0;
+    int32_t result =
+        dataExchangeUploadData(handle, path, sizeof deliveredName, deliveredName, &location);
+    if (result == Success || result == BufferTooSmall) {
+        /* Either way the data arrived; a cut name has no terminator, so it is printed by
+         * length. */
+        size_t length = result == Success ? strlen(deliveredName) : sizeof deliveredName;
+        printf("Delivered as: %.*s\nDestination: %s\n", (int)length, deliveredName,
+               destinationName(location));
+    }
+    if (result != Success)
+        printFailure(handle, "upload", result);
+    return result;
+}
+
+static void printVersion(void) {
+    char version[256];
+    char revision[64];
+    if (dataExchangeVersion(sizeof version, version) != Success)
+        strcpy(version, "(unknown version)");
+    if (dataExchangeSha1(sizeof revision, revision) != Success)
+        strcpy(revision, "(unknown revision)");
+    printf("dataExchange %s\nrevision %s\n", version, revision);
+}
+
+int main(int argc, char** argv) {
+    /* One setting per argument at most, so argc bounds them. */
+    Setting* settings = (Setting*)malloc((size_t)argc * sizeof *settings);
+    size_t settingCount = 0;
+    const char* path = NULL;
+    int listRequested = 0;
+    int endOfFlags = 0;
+    int status;
+    int32_t result = Success;
+    dataExchangeLibraryImp* handle;
+    int i;
+
+    if (settings == NULL) {
+        fprintf(stderr, TOOL ": out of memory\n");
+        return ExitFailure;
+    }
+
+    for (i = 1; i < argc; ++i) {
+        const char* arg = argv[i];
+        const char* value = NULL;
+        size_t nameLength;
+        size_t flag;
+        if (endOfFlags || arg[0] != '-' || arg[1] == '\0') {
+            if (path != NULL) {
+                status = usageError("more than one path given: '%s'", arg);
+                goto done;
+            }
+            path = arg;
+            continue;
+        }
+        if (strcmp(arg, "--") == 0) {
+            endOfFlags = 1;
+            continue;
+        }
+        if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
+            printHelp();
+            status = ExitSuccess;
+            goto done;
+        }
+        if (strcmp(arg, "--version") == 0) {
+            printVersion();
+            status = ExitSuccess;
+            goto done;
+        }
+        if (strcmp(arg, "--list-options") == 0) {
+            listRequested = 1;
+            continue;
+        }
+        nameLength = strcspn(arg, "=");
+        for (flag = 0; flag < OPTION_FLAG_COUNT; ++flag)
+            if (strlen(optionFlags[flag].flag) == nameLength &&
+                strncmp(arg, optionFlags[flag].flag, nameLength) == 0)
+                break;
+        if (flag == OPTION_FLAG_COUNT) {
+            status = usageError("unknown flag '%s'", arg);
+            goto done;
+        }
+        if (arg[nameLength] == '=')
+            value = arg + nameLength + 1;
+        else if (i + 1 < argc)
+            value = argv[++i];
+        else {
+            status = usageError("%s needs a value", optionFlags[flag].flag);
+            goto done;
+        }
+        settings[settingCount].flag = flag;
+        settings[settingCount].text = value;
+        if (optionFlags[flag].type != String &&
+            !parseNumber(value, optionFlags[flag].type, &settings[settingCount])) {
+            status = usageError("%s: '%s' is not a number in the option's range",
+                                optionFlags[flag].flag, value);
+            goto done;
+        }
+        ++settingCount;
+    }
+    if (listRequested && path != NULL) {
+        status = usageError("--list-options does not upload; '%s' was given as well", path);
+        goto done;
+    }
+    if (!listRequested && path == NULL) {
+        status = usageError("%s", "no file or folder to upload given");
+        goto done;
+    }
+
+    handle = dataExchangeInit(NULL, sizeof errorText, errorText);
+    if (handle == NULL) {
+        fprintf(stderr, TOOL ": the library could not be opened: %s\n", errorText);
+        status = ExitFailure;
+        goto done;
+    }
+    for (i = 0; (size_t)i < settingCount && result == Success; ++i) {
+        result = applySetting(handle, &settings[i]);
+        if (result == ValueCropped) {
+            printErrors(handle);
+            printStoredValue(handle, settings[i].flag);
+            result = Success;
+        } else if (result != Success) {
+            printFailure(handle, optionFlags[settings[i].flag].flag, result);
+        }
+    }
+    if (result == Success)
+        result = listRequested ? listOptions(handle) : upload(handle, path);
+    dataExchangeClose(&handle);
+    status = exitStatusOf(result);
+
+done:
+    free(settings);
+    return status;
+}
