@@ -2,7 +2,7 @@
 #pragma once
 
 #include "api/CoreAppWrapper.h"
-#include "dataExchange.h"
+#include "dataExchangeExt.h"
 
 #include <atomic>
 #include <cstdint>
@@ -73,4 +73,14 @@ struct dataExchangeLibraryImp {
     std::string userName;
     std::mutex userMutex;
     std::atomic<uint32_t> report{1};
+
+    // Opt-in behaviour beyond the original exports; the defaults change nothing.
+    struct Extensions {
+        dataExchangeProgressCallback progress = nullptr;
+        void* progressContext = nullptr;
+        uint32_t stallTimeoutSeconds = 0;
+        bool removePackage = false;
+        bool useConfiguredProxy = false;
+    };
+    Extensions extensions;
 };

@@ -13,9 +13,11 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QSslSocket>
+#include <QTimer>
 #include <QUrl>
 #include <QUrlQuery>
 #include <QXmlStreamReader>
+#include <climits>
 
 namespace measurement::dataExchange {
 
@@ -183,7 +185,9 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
     auto* multiPart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
     multiPart->append(part);
 
-    QNetworkReply* reply = manager.post(QNetworkRequest(_scriptUrl(uploadScriptName)), multiPart);
+    QNetworkRequest request(_scriptUrl(uploadScriptName));
+    _prepare(request, manager);
+    QNetworkReply* reply = manager.post(request, multiPart);
     currentReply = reply;
     // The body must outlive the transfer; it goes once the reply is done with it.
     connect(reply, &QNetworkReply::finished, multiPart, &QObject::deleteLater);
@@ -207,6 +211,7 @@ bool ServerInteractor::pushJob(const QString& serverFileName) {
     QNetworkRequest request(_scriptUrl(pushJobScriptName));
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QByteArrayLiteral("application/x-www-form-urlencoded"));
+    _prepare(request, manager);
     QNetworkReply* reply = manager.post(request, query.toString(QUrl::FullyEncoded).toUtf8());
     currentReply = reply;
     _waitFor(reply);
@@ -236,17 +241,72 @@ void ServerInteractor::_waitFor(QNetworkReply* reply) {
     // wrapper provides one, so reaching this point without it is a programming error.
     Q_ASSERT_X(QCoreApplication::instance() != nullptr, "ServerInteractor",
                "a request waits on a QEventLoop, which needs a QCoreApplication");
+    cancelled = false;
+    stallAborted = false;
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    // No time limit: the call returns only when the reply has finished.
+    QTimer ticks;
+    quint64 sent = 0;
+    quint64 size = 0;
+    if (control.progress) {
+        auto tell = [&] {
+            if (!cancelled && !control.progress(sent, size)) {
+                cancelled = true;
+                reply->abort();
+            }
+        };
+        connect(reply, &QNetworkReply::uploadProgress, &loop, [&](qint64 done, qint64 total) {
+            // Qt closes an upload with a spurious (0, 0).
+            if (done == 0 && total == 0)
+                return;
+            sent = quint64(done);
+            size = quint64(total);
+            tell();
+        });
+        // Also while nothing moves, so that the host can cancel a request that hangs.
+        connect(&ticks, &QTimer::timeout, &loop, tell);
+        ticks.start(100);
+    }
+    // No time limit unless a stall timeout was asked for: the call returns only when the reply
+    // has finished.
     if (!reply->isFinished())
         loop.exec();
+    stallAborted = !cancelled && control.stallTimeoutSeconds != 0 &&
+                   reply->error() == QNetworkReply::OperationCanceledError;
+}
+
+void ServerInteractor::_prepare(QNetworkRequest& request, QNetworkAccessManager& manager) const {
+    if (control.stallTimeoutSeconds != 0)
+        request.setTransferTimeout(
+            int(qMin<quint64>(quint64(control.stallTimeoutSeconds) * 1000, quint64(INT_MAX))));
+    if (proxyConfigured)
+        manager.setProxy(configuredProxy);
+}
+
+bool ServerInteractor::useConfiguredProxy() {
+    if (proxy.url.isEmpty())
+        return true;
+    const QUrl url(proxy.url, QUrl::StrictMode);
+    if (!url.isValid() || url.scheme() != QLatin1String("http") || url.host().isEmpty() ||
+        url.port() <= 0) {
+        lastErrorMessage = quoted("Invalid proxy URL '", proxy.url);
+        return false;
+    }
+    configuredProxy = QNetworkProxy(QNetworkProxy::HttpProxy, url.host(), quint16(url.port()),
+                                    proxy.user, proxy.password);
+    proxyConfigured = true;
+    return true;
 }
 
 bool ServerInteractor::_replyFailed(const QNetworkReply* reply) {
     if (reply->error() == QNetworkReply::NoError)
         return false;
-    lastErrorMessage = reply->errorString().toStdString();
+    if (stallAborted)
+        lastErrorMessage = "No data moved for " + std::to_string(control.stallTimeoutSeconds) +
+                           " seconds; request to '" + reply->url().toString().toStdString() +
+                           "' aborted";
+    else
+        lastErrorMessage = reply->errorString().toStdString();
     return true;
 }
 

@@ -3,15 +3,18 @@
 #pragma once
 
 #include "server/ProxySettings.h"
+#include "server/RequestControl.h"
 #include "server/ServerSettings.h"
 
 #include <QMap>
+#include <QNetworkProxy>
 #include <QObject>
 #include <QString>
 #include <string>
 
 class QNetworkAccessManager;
 class QNetworkReply;
+class QNetworkRequest;
 class QUrl;
 class QXmlStreamReader;
 
@@ -36,6 +39,15 @@ public:
 
     const std::string& lastError() const { return lastErrorMessage; }
 
+    // Opt-in: progress, cancel and stall timeout of the requests that follow.
+    void setRequestControl(const RequestControl& requestControl) { control = requestControl; }
+    // Opt-in: use the configuration's proxy for the requests that follow. False, with the
+    // reason in lastError(), when its Url is unusable; no Url means no proxy.
+    bool useConfiguredProxy();
+    // Why the last request failed, beyond lastError().
+    bool wasCancelled() const { return cancelled; }
+    bool stalled() const { return stallAborted; }
+
     const ServerSettings& serverSettings() const { return server; }
     const ProxySettings& proxySettings() const { return proxy; }
     bool isConfigurationRead() const { return configurationRead; }
@@ -51,6 +63,7 @@ private:
 
     QUrl _scriptUrl(const QString& scriptName) const;
     bool _sslMissing();
+    void _prepare(QNetworkRequest& request, QNetworkAccessManager& manager) const;
     void _waitFor(QNetworkReply* reply);
     bool _replyFailed(const QNetworkReply* reply);
 
@@ -60,6 +73,11 @@ private:
     QNetworkReply* currentReply = nullptr; // not owned; valid only while a request runs
     QMap<QString, QString> formFields;
     std::string lastErrorMessage;
+    RequestControl control;
+    QNetworkProxy configuredProxy{QNetworkProxy::DefaultProxy};
+    bool proxyConfigured = false;
+    bool cancelled = false;
+    bool stallAborted = false;
 };
 
 } // namespace measurement::dataExchange

@@ -18,6 +18,20 @@ namespace measurement::dataExchange {
 namespace {
 
 constexpr const char* timeStampFormat = "yyyy-MM-dd_hh-mm-ss";
+// Readable files and sub-folders, hidden entries and "." and ".." left out.
+constexpr QDir::Filters listing = QDir::Dirs | QDir::Files | QDir::Readable | QDir::NoDotAndDotDot;
+
+// Bytes that packing will read: the file, or the files at the folder's top level.
+quint64 sourceBytes(const QString& source) {
+    const QFileInfo info(source);
+    if (!info.isDir())
+        return quint64(qMax<qint64>(info.size(), 0));
+    quint64 total = 0;
+    for (const QFileInfo& entry : QDir(source).entryInfoList(listing, QDir::NoSort))
+        if (entry.isFile())
+            total += quint64(entry.size());
+    return total;
+}
 
 // The handle's messages (each followed by a line feed) become the handler's error.
 std::string takeHandleErrors(dataExchangeLibraryImp& handle, const char* fallback) {
@@ -34,6 +48,11 @@ std::string quoted(const QString& text) {
 } // namespace
 
 FileHandler::FileHandler(QObject* parent) : QObject(parent) {}
+
+void FileHandler::useExtensions(const dataExchangeLibraryImp::Extensions& settings) {
+    extensions = settings;
+    progress = ProgressReporter(settings.progress, settings.progressContext);
+}
 
 bool FileHandler::configure(dataExchangeLibraryImp* handle) {
     timeStamp = QDateTime::currentDateTime().toString(timeStampFormat);
@@ -67,11 +86,17 @@ bool FileHandler::configure(dataExchangeLibraryImp* handle) {
 }
 
 bool FileHandler::_packData(const QString& source, QString& packedPath) {
+    if (progress.active()) {
+        packingTotal = sourceBytes(source);
+        if (!progress.report(StagePacking, 0, packingTotal))
+            return false;
+    }
     const std::string folder = System::instance().createTemporaryFolder();
     if (folder.empty()) {
         error = "Could not create temporary directory";
         return false;
     }
+    temporaryFolder = folder;
     packedPath = QString::fromStdString(folder);
     const QFileInfo info(source);
     if (info.isDir())
@@ -106,8 +131,8 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
         return false;
     }
     const QDir dir(folder);
-    const QStringList names = dir.entryList(
-        QDir::Dirs | QDir::Files | QDir::Readable | QDir::NoDotAndDotDot, QDir::NoSort);
+    const QStringList names = dir.entryList(listing, QDir::NoSort);
+    quint64 packed = 0;
     for (const QString& name : names) {
         QuaZipFile entry(&zip);
         const QString filePath = dir.filePath(name);
@@ -144,6 +169,9 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
                                          archiveName.constData());
                 return false;
             }
+            packed += quint64(read);
+            if (!progress.update(StagePacking, packed, packingTotal))
+                return false;
         }
         input.close();
         entry.close();

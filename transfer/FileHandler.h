@@ -2,7 +2,9 @@
 // into a fresh temporary folder and delivers the packed item. Lives on the upload call's stack.
 #pragma once
 
-#include "dataExchange.h"
+#include "api/dataExchangeLibraryImp.h"
+#include "server/RequestControl.h"
+#include "transfer/ProgressReporter.h"
 
 #include <QHash>
 #include <QObject>
@@ -28,6 +30,9 @@ public:
     // takes it; gives back the delivered file name and the destination.
     bool handleData(const QString& fileOrFolder, QString& writtenFileName, uint32_t& usedLocation);
 
+    // Opt-in behaviour set on the handle: progress and cancel, stall timeout, proxy.
+    void useExtensions(const dataExchangeLibraryImp::Extensions& settings);
+
     QString timeStamp;
     QString dataType;
     QString sourceName;
@@ -35,6 +40,8 @@ public:
     uint32_t location = SharedFolderThenServer;
     QHash<QString, QVariant> settings;
     std::string error;
+    // The folder this upload packed into (empty before packing).
+    std::string temporaryFolder;
 
 private:
     friend struct FileHandlerProbe; // lets the tests drive single steps
@@ -42,6 +49,14 @@ private:
     bool _packData(const QString& source, QString& packedPath);
     bool _zipFolder(const QString& folder, QString& packedPath);
     bool _performUpload(const QString& packedPath, const dataExchangeLocation& location);
+    bool _deliverToServer(const QString& packedPath);
+    RequestControl _requestControl(uint32_t stage);
+    bool _stopped();
+
+    dataExchangeLibraryImp::Extensions extensions;
+    ProgressReporter progress{nullptr, nullptr};
+    quint64 packingTotal = 0;
+    quint64 uploadTotal = 0;
 };
 
 } // namespace measurement::dataExchange

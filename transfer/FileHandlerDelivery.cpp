@@ -76,20 +76,31 @@ bool FileHandler::handleData(const QString& fileOrFolder, QString& writtenFileNa
                              uint32_t& usedLocation) {
     const std::vector<dataExchangeLocation> tries = destinations(location);
     QString packedPath;
-    if (!_packData(fileOrFolder, packedPath))
-        return false;
+    if (!_packData(fileOrFolder, packedPath) ||
+        !progress.report(StagePacking, packingTotal, packingTotal))
+        return _stopped();
     for (const dataExchangeLocation destination : tries) {
         if (_performUpload(packedPath, destination)) {
             writtenFileName = QFileInfo(packageName).fileName();
             usedLocation = destination;
             return true;
         }
+        if (progress.cancelled())
+            return _stopped();
     }
+    return false;
+}
+
+bool FileHandler::_stopped() {
+    if (progress.cancelled())
+        error = "Upload cancelled by the host";
     return false;
 }
 
 bool FileHandler::_performUpload(const QString& packedPath, const dataExchangeLocation& location) {
     if (location == SharedFolder) {
+        if (!progress.report(StageSharedFolder, 0, 1))
+            return false;
         const QString folder = QStringLiteral(DATAEXCHANGE_SHARED_FOLDER)
                                    .arg(settings.value("device").toString().left(3), dataType);
         if (!QFileInfo::exists(folder)) {
@@ -124,37 +135,75 @@ bool FileHandler::_performUpload(const QString& packedPath, const dataExchangeLo
         writeInfo(out, settings);
         out.flush();
         info.close();
+        // Delivered: a cancel asked for now comes too late to matter.
+        progress.report(StageSharedFolder, 1, 1);
         return true;
     }
-    if (location == Server) {
-        ServerInteractor interactor(formFields(settings), nullptr);
-        const QString configPath = findConfiguration();
-        if (configPath.isEmpty()) {
-            error = "Could not find any config.xml file";
-            return false;
-        }
-        debugPrint("Found config file %s", configPath.toLocal8Bit().constData());
-        if (!interactor.readConfiguration(configPath)) {
-            error.clear();
-            error = interactor.lastError();
-            if (error.empty())
-                error = "Unknown error loading config file " + quoted(configPath);
-            return false;
-        }
-        QString answer;
-        // A failed upload leaves error as it was: the caller then reports its own fall-back.
-        if (!interactor.uploadFile(packedPath, answer))
-            return false;
-        if (!interactor.pushJob(answer)) {
-            error = interactor.lastError();
-            if (error.empty())
-                error = "Unknown error in POST request";
-            return false;
-        }
-        return true;
-    }
+    if (location == Server)
+        return _deliverToServer(packedPath);
     error = std::string("Unhandled location in ") + DATAEXCHANGE_SIGNATURE;
     return false;
+}
+
+bool FileHandler::_deliverToServer(const QString& packedPath) {
+    ServerInteractor interactor(formFields(settings), nullptr);
+    const QString configPath = findConfiguration();
+    if (configPath.isEmpty()) {
+        error = "Could not find any config.xml file";
+        return false;
+    }
+    debugPrint("Found config file %s", configPath.toLocal8Bit().constData());
+    if (!interactor.readConfiguration(configPath)) {
+        error.clear();
+        error = interactor.lastError();
+        if (error.empty())
+            error = "Unknown error loading config file " + quoted(configPath);
+        return false;
+    }
+    if (extensions.useConfiguredProxy && !interactor.useConfiguredProxy()) {
+        error = interactor.lastError();
+        return false;
+    }
+    uploadTotal = quint64(QFileInfo(packedPath).size());
+    if (!progress.report(StageUpload, 0, uploadTotal))
+        return false;
+    interactor.setRequestControl(_requestControl(StageUpload));
+    QString answer;
+    // A failed upload leaves error as it was: the caller then reports its own fall-back.
+    // Only a stall timeout, which a host asked for, names its cause.
+    if (!interactor.uploadFile(packedPath, answer)) {
+        if (interactor.stalled())
+            error = interactor.lastError();
+        return false;
+    }
+    if (!progress.report(StageUpload, uploadTotal, uploadTotal) ||
+        !progress.report(StageJobRequest, 0, 1))
+        return false;
+    interactor.setRequestControl(_requestControl(StageJobRequest));
+    if (!interactor.pushJob(answer)) {
+        if (progress.cancelled())
+            return false;
+        error = interactor.lastError();
+        if (error.empty())
+            error = "Unknown error in POST request";
+        return false;
+    }
+    progress.report(StageJobRequest, 1, 1);
+    return true;
+}
+
+RequestControl FileHandler::_requestControl(uint32_t stage) {
+    RequestControl control;
+    control.stallTimeoutSeconds = extensions.stallTimeoutSeconds;
+    if (!progress.active())
+        return control;
+    control.progress = [this, stage](quint64 done, quint64 total) {
+        if (stage == StageJobRequest)
+            return progress.update(stage, 0, 1);
+        uploadTotal = total;
+        return progress.update(stage, done, total);
+    };
+    return control;
 }
 
 } // namespace measurement::dataExchange

@@ -50,6 +50,17 @@ dataExchangeUploadData(dataExchangeLibraryImp* handle, const char* fileOrFolderN
         return fail(*handle, message::missing(fileOrFolderName), ReadFailed);
 
     FileHandler handler;
+    handler.useExtensions(handle->extensions);
+    // With package removal asked for, the upload's own temporary folder goes when the call
+    // returns, whatever the outcome.
+    struct RemovePackage {
+        const FileHandler& handler;
+        bool enabled;
+        ~RemovePackage() {
+            if (enabled && !handler.temporaryFolder.empty())
+                System::removeDirectoryRecursively(handler.temporaryFolder);
+        }
+    } removePackage{handler, handle->extensions.removePackage};
     if (!handler.configure(handle))
         return fail(*handle,
                     message::orFallback(handler.error, "Unknown error configuring file handler"),

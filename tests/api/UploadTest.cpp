@@ -2,6 +2,7 @@
 // and the local processing site. Server cases run a host program copied into a folder of the
 // test beside its config.xml, since the library looks for the file beside the application.
 #include "ProcessingSite.h"
+#include "UploadHost.h"
 #include "dataExchange.h"
 
 #include <QDateTime>
@@ -29,12 +30,7 @@ QByteArray readAll(const QString& path) {
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
 }
 
-struct Outcome {
-    int result = -999;
-    QString name;
-    uint32_t location = 0;
-    QString errors;
-};
+using dxtest::Outcome;
 
 class Upload : public testing::Test {
 protected:
@@ -61,46 +57,11 @@ protected:
         dataExchangeSetUint64Option(handle, "Serial number", 255);
     }
     Outcome upload(const QString& path, size_t size = 256) {
-        Outcome outcome;
-        char name[256];
-        std::memset(name, '#', sizeof name);
-        const QByteArray utf8 = path.toUtf8();
-        outcome.result =
-            dataExchangeUploadData(handle, utf8.constData(), size, name, &outcome.location);
-        outcome.name = QString::fromUtf8(name, int(strnlen(name, size)));
-        char errors[4096] = "";
-        dataExchangeGetLastErrors(handle, sizeof errors, errors);
-        outcome.errors = QString::fromUtf8(errors);
-        return outcome;
+        return dxtest::upload(handle, path, size);
     }
-    // Runs the host from folder (copied there) with the given options.
-    Outcome runHost(const QString& folder, const QStringList& arguments,
+    Outcome runHost(const QString& folder, const QStringList& options,
                     const QString& tmp = QString()) {
-        const QString host = folder + "/uploadHost";
-        QFile::remove(host);
-        EXPECT_TRUE(QFile::copy(QStringLiteral(DX_UPLOAD_HOST), host));
-        QProcess process;
-        if (!tmp.isEmpty()) {
-            QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-            environment.insert("TMPDIR", tmp);
-            process.setProcessEnvironment(environment);
-        }
-        process.start(host, QStringList{data} + arguments);
-        process.waitForFinished(120000);
-        Outcome outcome;
-        const QString output = QString::fromUtf8(process.readAllStandardOutput());
-        // The error list comes last and keeps its own line feeds.
-        outcome.errors = output.section("\nerrors=", 1);
-        for (const QString& line : output.section("\nerrors=", 0, 0).split('\n')) {
-            const QString value = line.section('=', 1);
-            if (line.startsWith("result="))
-                outcome.result = value.toInt();
-            else if (line.startsWith("name="))
-                outcome.name = value;
-            else if (line.startsWith("location="))
-                outcome.location = value.toUInt();
-        }
-        return outcome;
+        return dxtest::runUploadHost(folder, data, options, tmp);
     }
 
     QTemporaryDir work;

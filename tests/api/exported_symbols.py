@@ -11,6 +11,9 @@ EXPECTED = {
     "dataExchangeGetUint64Option", "dataExchangeSetUint64Option",
     "dataExchangeGetStringOption", "dataExchangeSetStringOption",
     "dataExchangeUploadData",
+    # Opt-in extensions.
+    "dataExchangeSetProgressCallback", "dataExchangeSetStallTimeout",
+    "dataExchangeSetRemovePackage", "dataExchangeSetUseConfiguredProxy",
 }
 
 

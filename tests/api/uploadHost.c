@@ -1,10 +1,26 @@
 /* A host for the upload tests: placed in a folder beside its config.xml, it sets the options
  * given as name=value arguments, uploads the path and prints what came back, one item a line. */
-#include "dataExchange.h"
+#include "dataExchangeExt.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+/* Progress lines go to standard output; cancelAt names the stage whose second call cancels. */
+static uint32_t cancelAt = 0;
+static int callsInStage = 0;
+static uint32_t lastStage = 0;
+
+static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint64_t total,
+                                            void* context) {
+    (void)context;
+    callsInStage = stage == lastStage ? callsInStage + 1 : 1;
+    lastStage = stage;
+    printf("progress=%u %llu %llu\n", (unsigned)stage, (unsigned long long)done,
+           (unsigned long long)total);
+    fflush(stdout);
+    return stage == cancelAt && callsInStage == 2;
+}
 
 static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
     const char* value = strchr(argument, '=') + 1;
@@ -18,6 +34,14 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         dataExchangeSetUint64Option(handle, "Serial number", strtoull(value, NULL, 10));
     else if (strncmp(argument, "user=", 5) == 0)
         dataExchangeSetStringOption(handle, "User", value);
+    else if (strncmp(argument, "cancel=", 7) == 0)
+        cancelAt = (uint32_t)atoi(value);
+    else if (strncmp(argument, "progress=", 9) == 0)
+        dataExchangeSetProgressCallback(handle, onProgress, NULL);
+    else if (strncmp(argument, "stall=", 6) == 0)
+        dataExchangeSetStallTimeout(handle, (uint32_t)atoi(value));
+    else if (strncmp(argument, "proxy=", 6) == 0)
+        dataExchangeSetUseConfiguredProxy(handle, (uint32_t)atoi(value));
 }
 
 int main(int argc, char** argv) {

@@ -1,0 +1,73 @@
+/*
+ * dataExchange extensions: progress and cancel, a stall timeout, removal of the packed item, and
+ * the proxy of config.xml. Each is opt-in per handle; a handle that never calls these exports
+ * behaves exactly as one of a library without them.
+ *
+ *     static int32_t onProgress(uint32_t stage, uint64_t done, uint64_t total, void* context) {
+ *         printf("stage %u: %llu of %llu\n", stage, (unsigned long long)done,
+ *                (unsigned long long)total);
+ *         return *(volatile int*)context;          // non-zero cancels the upload
+ *     }
+ *     int cancel = 0;
+ *     dataExchangeSetProgressCallback(h, onProgress, &cancel);
+ *     dataExchangeSetStallTimeout(h, 30);
+ *     dataExchangeUploadData(h, "/data/cal7", sizeof name, name, &used);
+ */
+#ifndef DATAEXCHANGE_EXT_H
+#define DATAEXCHANGE_EXT_H
+
+#include "dataExchange.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The stages an upload goes through, as the progress callback is told. */
+typedef enum dataExchangeStage {
+    StagePacking = 1,      /* bytes of the source read / bytes of the files to pack or copy */
+    StageSharedFolder = 2, /* 0 of 1, then 1 of 1 */
+    StageUpload = 3,       /* bytes sent / bytes of the request body */
+    StageJobRequest = 4    /* 0 of 1 while the job request runs, then 1 of 1 */
+} dataExchangeStage;
+
+/* Called on the thread that called dataExchangeUploadData, from inside that call: once at the
+ * start and once at the end of each stage, and in between at most about ten times a second.
+ * A non-zero result cancels: packing stops, a running request is aborted, no further destination
+ * is tried, and the upload returns DataHandlingFailed with the single message "Upload cancelled
+ * by the host". The answer to a stage's final call is ignored once the data has been delivered.
+ * The source data is never touched. */
+typedef int32_t(DATAEXCHANGE_CALL* dataExchangeProgressCallback)(uint32_t stage, uint64_t done,
+                                                                 uint64_t total, void* context);
+
+/* dataExchangeSetProgressCallback() : sets (or, with NULL, removes) the handle's callback;
+ * context is handed back unchanged. @return Success, or InvalidArgument for a NULL handle. */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetProgressCallback(
+    dataExchangeLibraryImp* handle, dataExchangeProgressCallback callback, void* context);
+
+/* dataExchangeSetStallTimeout() : 0 (the default) waits for the server forever. Otherwise a
+ * request during which no bytes moved for that many seconds is aborted, and the upload fails
+ * with DataHandlingFailed and "No data moved for N seconds; request to '<url>' aborted".
+ * @return Success, or InvalidArgument for a NULL handle. */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetStallTimeout(dataExchangeLibraryImp* handle, uint32_t seconds);
+
+/* dataExchangeSetRemovePackage() : 0 (the default) keeps packed items in their temporary folder
+ * until the library is unloaded. Non-zero: each upload removes its own temporary folder when it
+ * returns, whatever the outcome (an item moved into the shared folder is not touched).
+ * @return Success, or InvalidArgument for a NULL handle. */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetRemovePackage(dataExchangeLibraryImp* handle, uint32_t enable);
+
+/* dataExchangeSetUseConfiguredProxy() : 0 (the default) ignores the Proxy element of
+ * config.xml. Non-zero: its Url (http://host:port) with User and Password is used as the HTTP
+ * proxy of both requests (CONNECT for https); a config.xml without a proxy Url means no proxy.
+ * An unusable Url fails the server route with "Invalid proxy URL '<url>'".
+ * @return Success, or InvalidArgument for a NULL handle. */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetUseConfiguredProxy(dataExchangeLibraryImp* handle, uint32_t enable);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* DATAEXCHANGE_EXT_H */

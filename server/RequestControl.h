@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QtGlobal>
+#include <cstdint>
+#include <functional>
+
+namespace measurement::dataExchange {
+
+// Opt-in control of a running request; the defaults leave requests exactly as they are.
+struct RequestControl {
+    // Called while a request runs, with the bytes sent so far and the body's size, at least
+    // every 100 ms; returning false aborts the request.
+    std::function<bool(quint64 done, quint64 total)> progress;
+    // Abort a request during which no bytes moved for this long; 0 waits forever.
+    uint32_t stallTimeoutSeconds = 0;
+};
+
+} // namespace measurement::dataExchange
