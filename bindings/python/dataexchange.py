@@ -1,0 +1,317 @@
+"""Python binding of the dataExchange library (ctypes, standard library only).
+
+    import dataexchange as dx
+
+    with dx.Handle() as handle:
+        handle["Device type"] = 0
+        handle["Data type"] = dx.DataType.Precalibration
+        handle["Serial number"] = 4711
+        handle["Location"] = dx.Location.Server
+        name, destination = handle.upload("/data/cal7")
+
+Options are read and written by name; the C type comes from the library's own list of options.
+A non-zero result raises DataExchangeError with the result code and the error-list lines, except
+ValueCropped, which is reported as a ValueCroppedWarning (the clipped value is stored).
+"""
+import ctypes
+import enum
+import operator
+import os
+import sys
+import warnings
+from typing import List, NamedTuple, Optional
+
+__all__ = ["ENVIRONMENT_VARIABLE", "Result", "OptionType", "ValueKind", "Location", "DataType",
+           "READABLE", "WRITABLE", "DataExchangeError", "ValueCroppedWarning", "Option",
+           "Delivery", "load", "version", "sha1", "Handle"]
+
+#: Path of the shared library, used when no path is given to load() or Handle().
+ENVIRONMENT_VARIABLE = "DATAEXCHANGE_LIBRARY"
+
+
+class Result(enum.IntEnum):
+    Success = 0
+    InvalidArgument = 1
+    ReadFailed = 10
+    WriteFailed = 11
+    InvalidOption = 20
+    NotAvailable = 21
+    HandlerConfigurationFailed = 30
+    DataHandlingFailed = 40
+    ValueCropped = -20
+    BufferTooSmall = -21
+
+
+class OptionType(enum.IntEnum):
+    Int32 = 0
+    Uint32 = 1
+    Uint64 = 2
+    String = 3
+
+
+class ValueKind(enum.IntEnum):
+    Current = 0
+    Minimum = 1
+    Maximum = 2
+    Default = 3
+
+
+class Location(enum.IntEnum):
+    SharedFolder = 1
+    Server = 2
+    SharedFolderThenServer = 3
+
+
+class DataType(enum.IntEnum):
+    Precalibration = 0
+    Cmm = 1
+    Forest = 2
+    Avt = 3
+    Datalogger = 4
+    Cit = 5
+    LogFile = 6
+
+
+READABLE = 1  # access bit: the option can be read
+WRITABLE = 2  # access bit: the option can be written
+
+
+class DataExchangeError(Exception):
+    """A call returned a failure. result: the code (a Result where known, None when no handle
+    could be opened); errors: the lines of the handle's error list."""
+
+    def __init__(self, function: str, result: Optional[int], errors: List[str]):
+        self.function = function
+        self.result = _result(result) if result is not None else None
+        self.errors = errors
+        code = "failed" if result is None else "returned %s (%d)" % (
+            getattr(self.result, "name", "result"), result)
+        super().__init__("%s %s%s" % (function, code, "".join("\n  " + e for e in errors)))
+
+
+class ValueCroppedWarning(UserWarning):
+    """A number outside the option's bounds was clipped; the clipped value was stored."""
+
+
+class Option(NamedTuple):
+    name: str
+    summary: str
+    description: str
+    type: OptionType
+    access: int  # READABLE | WRITABLE bits
+    current: object
+    minimum: object  # None where the option has no such value
+    maximum: object
+    default: object
+
+
+class Delivery(NamedTuple):
+    name: str  # the delivered file name
+    destination: Location  # SharedFolder or Server
+
+
+def _result(code):
+    try:
+        return Result(code)
+    except ValueError:
+        return code
+
+
+_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_char_p,
+                             ctypes.c_uint32, ctypes.c_uint32, ctypes.c_void_p)
+_NUMBERS = {OptionType.Int32: (ctypes.c_int32, -2**31, 2**31 - 1),
+            OptionType.Uint32: (ctypes.c_uint32, 0, 2**32 - 1),
+            OptionType.Uint64: (ctypes.c_uint64, 0, 2**64 - 1)}
+_loaded = {}
+_dll_directories = []  # keeps os.add_dll_directory() in force
+
+
+def _declare(lib):
+    vp, size, text = ctypes.c_void_p, ctypes.c_size_t, ctypes.c_char_p
+    out = ctypes.POINTER(ctypes.c_char)  # the caller's buffers
+    lib.dataExchangeInit.restype = vp
+    lib.dataExchangeInit.argtypes = [vp, size, out]
+    prototypes = {
+        "Close": [ctypes.POINTER(vp)],
+        "GetLastErrors": [vp, size, out],
+        "Version": [size, out],
+        "Sha1": [size, out],
+        "EnumerateOptions": [vp, _CALLBACK, vp],
+        "GetStringOption": [vp, text, ctypes.c_uint32, size, out],
+        "SetStringOption": [vp, text, text],
+        "UploadData": [vp, text, size, out, ctypes.POINTER(ctypes.c_uint32)],
+    }
+    for kind, (ctype, _, _) in _NUMBERS.items():
+        prototypes["Get%sOption" % kind.name] = [vp, text, ctypes.c_uint32, ctypes.POINTER(ctype)]
+        prototypes["Set%sOption" % kind.name] = [vp, text, ctype]
+    for name, argtypes in prototypes.items():
+        function = getattr(lib, "dataExchange" + name)
+        function.restype = ctypes.c_int32
+        function.argtypes = argtypes
+
+
+def _system_name():
+    if os.name == "nt":
+        return "dataExchange.dll"
+    return "libdataExchange.2.dylib" if sys.platform == "darwin" else "libdataExchange.so.2"
+
+
+def load(path=None, qt_dir=None) -> ctypes.CDLL:
+    """Loads the library from path, else from $DATAEXCHANGE_LIBRARY, else through the system
+    loader. qt_dir (Windows): the folder of the Qt and QuaZip DLLs, added to the DLL search."""
+    if qt_dir is not None and hasattr(os, "add_dll_directory"):
+        _dll_directories.append(os.add_dll_directory(os.fspath(qt_dir)))
+    path = os.fspath(path or os.environ.get(ENVIRONMENT_VARIABLE) or _system_name())
+    if path not in _loaded:
+        lib = ctypes.CDLL(path)
+        _declare(lib)
+        _loaded[path] = lib
+    return _loaded[path]
+
+
+def _identity(function, library) -> str:
+    lib = library if isinstance(library, ctypes.CDLL) else load(library)
+    buffer = ctypes.create_string_buffer(256)
+    result = getattr(lib, function)(len(buffer), buffer)
+    if result != Result.Success:
+        raise DataExchangeError(function, result, [])
+    return buffer.value.decode("utf-8", "replace")
+
+
+def version(library=None) -> str:
+    """The version text: v2.0.0, the build time in seconds, the build platform."""
+    return _identity("dataExchangeVersion", library)
+
+
+def sha1(library=None) -> str:
+    """The 40 hex digits of the library's source revision."""
+    return _identity("dataExchangeSha1", library)
+
+
+def _text(value) -> bytes:
+    return value if isinstance(value, bytes) else value.encode("utf-8")
+
+
+class Handle:
+    """One library handle. Use it from one thread at a time; close it, or use it in a with
+    block. library: a path, a CDLL from load(), or None (see load())."""
+
+    def __init__(self, library=None, *, qt_dir=None):
+        self._lib = library if isinstance(library, ctypes.CDLL) else load(library, qt_dir)
+        message = ctypes.create_string_buffer(1024)
+        self._handle = ctypes.c_void_p(self._lib.dataExchangeInit(None, len(message), message))
+        if not self._handle.value:
+            text = message.value.decode("utf-8", "replace")
+            raise DataExchangeError("dataExchangeInit", None, text.splitlines())
+        self._types = {name: kind for name, _, _, _, kind in self._describe()}
+
+    def close(self) -> None:
+        if self._handle.value:
+            self._lib.dataExchangeClose(ctypes.byref(self._handle))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+    def __del__(self):
+        if getattr(self, "_handle", None) is not None:
+            self.close()
+
+    def _call(self, function: str, *args) -> int:
+        if not self._handle.value:
+            raise ValueError("the handle is closed")
+        result = getattr(self._lib, function)(self._handle, *args)
+        if result == Result.ValueCropped:
+            warnings.warn(" ".join(self.last_errors()), ValueCroppedWarning, stacklevel=3)
+        elif result != Result.Success and result != Result.BufferTooSmall:
+            raise DataExchangeError(function, result, self.last_errors())
+        return result
+
+    def last_errors(self) -> List[str]:
+        """The messages the last call left, one a line; reading empties the list."""
+        buffer = ctypes.create_string_buffer(65536)
+        self._lib.dataExchangeGetLastErrors(self._handle, len(buffer), buffer)
+        text = buffer.raw.split(b"\0", 1)[0].decode("utf-8", "replace")
+        return [line for line in text.split("\n") if line]
+
+    def _describe(self):
+        rows = []
+
+        def collect(name, summary, description, access, kind, _context):
+            rows.append((name.decode("utf-8", "replace"), summary.decode("utf-8", "replace"),
+                         description.decode("utf-8", "replace"), access, OptionType(kind)))
+
+        self._call("dataExchangeEnumerateOptions", _CALLBACK(collect), None)
+        return rows
+
+    def _type(self, name: str, type, value=None) -> OptionType:
+        if type is not None:
+            return OptionType(type)
+        if name in self._types:
+            return self._types[name]
+        # Unknown names go to the library, which reports them.
+        return OptionType.String if isinstance(value, (str, bytes)) else OptionType.Int32
+
+    def get(self, name: str, which: ValueKind = ValueKind.Current, type=None):
+        """The option's current, minimum, maximum or default value (an int or a str)."""
+        kind = self._type(name, type)
+        if kind == OptionType.String:
+            size = 64
+            result = Result.BufferTooSmall
+            while result == Result.BufferTooSmall:  # grow; each try reads the value anew
+                size *= 4
+                buffer = ctypes.create_string_buffer(size)
+                result = self._call("dataExchangeGetStringOption", _text(name), which, size,
+                                    buffer)
+            return buffer.value.decode("utf-8", "replace")
+        value = _NUMBERS[kind][0]()
+        self._call("dataExchangeGet%sOption" % kind.name, _text(name), which, ctypes.byref(value))
+        return value.value
+
+    def set(self, name: str, value, type=None) -> None:
+        """Writes the option's current value: an int for numeric options, a str otherwise.
+        A clipped number is stored and reported as a ValueCroppedWarning."""
+        kind = self._type(name, type, value)
+        if kind == OptionType.String:
+            if not isinstance(value, (str, bytes)):
+                raise TypeError("option '%s' takes a str, not %s" % (name, value.__class__))
+        else:
+            ctype, low, high = _NUMBERS[kind]
+            try:
+                value = operator.index(value)
+            except TypeError:
+                message = "option '%s' takes an int, not %s" % (name, value.__class__)
+                raise TypeError(message) from None
+            if not low <= value <= high:
+                raise OverflowError("%d does not fit option '%s' (%s)" % (value, name, kind.name))
+        self._call("dataExchangeSet%sOption" % kind.name, _text(name),
+                   _text(value) if kind == OptionType.String else value)
+
+    __getitem__ = get
+    __setitem__ = set
+
+    def options(self) -> List[Option]:
+        """Every option with its texts, type, access and the values it has (None where not)."""
+        listing = []
+        for name, summary, description, access, kind in self._describe():
+            values = []
+            for which in ValueKind:
+                try:
+                    values.append(self.get(name, which, kind))
+                except DataExchangeError:
+                    values.append(None)
+            listing.append(Option(name, summary, description, kind, access, *values))
+        return listing
+
+    def upload(self, path) -> Delivery:
+        """Packs and delivers a file or folder as the "Location" option says; blocks until
+        done. Returns the delivered file name and the destination that took it."""
+        name = ctypes.create_string_buffer(4096)
+        used = ctypes.c_uint32(0)
+        result = self._call("dataExchangeUploadData", os.fsencode(path), len(name), name,
+                            ctypes.byref(used))
+        if result == Result.BufferTooSmall:  # delivered, but the name did not fit
+            raise DataExchangeError("dataExchangeUploadData", result, self.last_errors())
+        return Delivery(name.value.decode("utf-8", "replace"), Location(used.value))
