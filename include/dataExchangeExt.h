@@ -26,7 +26,8 @@ extern "C" {
 typedef enum dataExchangeStage {
     StagePacking = 1,      /* bytes of the source read / bytes of the files to pack or copy */
     StageSharedFolder = 2, /* 0 of 1, then 1 of 1 */
-    StageUpload = 3,       /* bytes sent / bytes of the request body */
+    StageUpload = 3,       /* bytes sent / bytes of the request (first the packed item's size,
+                              then the whole request body's once sending starts) */
     StageJobRequest = 4    /* 0 of 1 while the job request runs, then 1 of 1 */
 } dataExchangeStage;
 

@@ -2,16 +2,63 @@
  * dataexchange-upload: sends a measurement file or folder to the processing site from the
  * command line. A plain C99 host of the public header, so it runs wherever the library does and
  * shows a customer the whole call sequence: open, set the options, upload, read the errors,
- * close.
+ * close. It also uses the extensions: progress with cancel on Ctrl+C, the stall timeout,
+ * removal of the package and the configured proxy.
  */
-#include "dataExchange.h"
+#if !defined(_WIN32)
+/* isatty, sigaction and the monotonic clock are POSIX, outside strict C99; the flags of
+ * sigaction used here are in its X/Open part. */
+#define _XOPEN_SOURCE 600
+#endif
+
+#include "dataExchangeExt.h"
 
 #include <errno.h>
 #include <inttypes.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+/* The few things C99 lacks: is standard output a terminal, a clock for rates, Ctrl+C. */
+#if defined(_WIN32)
+#define WIN32_LEAN_AND_MEAN
+#include <io.h>
+#include <windows.h>
+static int stdoutIsTerminal(void) {
+    return _isatty(_fileno(stdout));
+}
+static double secondsNow(void) {
+    return (double)GetTickCount64() / 1000.0;
+}
+/* The runtime restores the default action before it calls the handler, so a second Ctrl+C
+ * ends the program. */
+static void catchInterrupt(void (*handler)(int)) {
+    signal(SIGINT, handler);
+}
+#else
+#include <time.h>
+#include <unistd.h>
+static int stdoutIsTerminal(void) {
+    return isatty(STDOUT_FILENO);
+}
+static double secondsNow(void) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (double)now.tv_sec + (double)now.tv_nsec / 1e9;
+}
+/* One-shot, so that a second Ctrl+C ends the program; restarted calls, so that a read or write
+ * in the library is not failed by the first. */
+static void catchInterrupt(void (*handler)(int)) {
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESETHAND | SA_RESTART;
+    sigaction(SIGINT, &action, NULL);
+}
+#endif
 
 #define TOOL "dataexchange-upload"
 
@@ -23,7 +70,8 @@ static char deliveredName[32 * 1024];
 /* Texts of the string options, which the library does not limit. */
 static char valueText[64 * 1024];
 
-enum { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2 };
+/* Cancelled is the shell's status of a program ended by Ctrl+C, which scripts already know. */
+enum { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2, ExitCancelled = 130 };
 
 /* One distinct exit status per result code, so that scripts can tell the causes apart. --help
  * prints this table, which keeps the documentation and the behaviour in step. */
@@ -52,7 +100,8 @@ static int exitStatusOf(int32_t result) {
     return ExitFailure;
 }
 
-/* The flags that set options; the option's type decides which Set export is called. */
+/* The flags that set options; the option's type decides which Set export is called. A flag
+ * without an option sets the stall timeout, which is a setting of the handle instead. */
 static const struct {
     const char* flag;
     const char* option;
@@ -72,6 +121,9 @@ static const struct {
     {"--email", "Email address", String, "TEXT", "e-mail address of the sender"},
     {"--report", "Report", Uint32, "N", "1 a report is wanted (default), 0 none"},
     {"--user", "User", String, "TEXT", "user (nick) name of the sender"},
+    {"--stall-timeout", NULL, Uint32, "SECONDS",
+     "abort a request when no data moved for that long; 0, the\n"
+     "                   default, waits for the server forever"},
 };
 #define OPTION_FLAG_COUNT (sizeof optionFlags / sizeof optionFlags[0])
 
@@ -86,10 +138,18 @@ static void printHelp(void) {
            "\n"
            "Options (N is a decimal number; values outside an option's range are clipped\n"
            "with a warning):\n");
-    for (i = 0; i < OPTION_FLAG_COUNT; ++i)
-        printf("  %s %-*s%s\n", optionFlags[i].flag, (int)(16 - strlen(optionFlags[i].flag)),
-               optionFlags[i].argument, optionFlags[i].help);
-    printf("  --list-options   print every option with its type, summary and its current,\n"
+    for (i = 0; i < OPTION_FLAG_COUNT; ++i) {
+        /* Where flag and argument fill the column, the text starts on the next line. */
+        const int room =
+            16 - (int)strlen(optionFlags[i].flag) - (int)strlen(optionFlags[i].argument);
+        printf("  %s %s%*s%s\n", optionFlags[i].flag, optionFlags[i].argument, room > 0 ? room : 0,
+               room > 0 ? "" : "\n                   ", optionFlags[i].help);
+    }
+    printf("  --remove-package remove the packed copy when the upload returns, instead of\n"
+           "                   keeping it in the temporary folder until the program ends\n"
+           "  --use-proxy      send through the proxy that config.xml names\n"
+           "  --no-progress    print no progress\n"
+           "  --list-options   print every option with its type, summary and its current,\n"
            "                   minimum, maximum and default values (after applying the\n"
            "                   options above), then exit without uploading\n"
            "  --version        print the library's version and source revision\n"
@@ -101,14 +161,21 @@ static void printHelp(void) {
            "The server's address is read from config.xml, next to this program or in\n"
            "../data beside it. Messages of the library go to standard error, one per line.\n"
            "\n"
+           "Progress goes to standard output: on a terminal one updating line per stage\n"
+           "(packing, shared folder, upload, job request) with percentage, rate and time\n"
+           "left; otherwise one line per change, \"Progress: STAGE DONE/TOTAL\", where DONE and\n"
+           "TOTAL are bytes while packing and uploading and steps otherwise. Ctrl+C cancels\n"
+           "the upload cleanly; a second Ctrl+C ends the program at once.\n"
+           "\n"
            "Exit status:\n"
-           "  %2d  success\n"
-           "  %2d  the library could not be opened, or an unexpected result\n"
-           "  %2d  usage error (unknown flag, bad number, missing or extra PATH)\n",
+           "  %3d  success\n"
+           "  %3d  the library could not be opened, or an unexpected result\n"
+           "  %3d  usage error (unknown flag, bad number, missing or extra PATH)\n",
            ExitSuccess, ExitFailure, ExitUsage);
     for (i = 0; i < sizeof exitStatuses / sizeof exitStatuses[0]; ++i)
-        printf("  %2d  result %3d: %s\n", exitStatuses[i].status, (int)exitStatuses[i].result,
+        printf("  %3d  result %3d: %s\n", exitStatuses[i].status, (int)exitStatuses[i].result,
                exitStatuses[i].meaning);
+    printf("  %3d  cancelled with Ctrl+C; nothing was delivered\n", ExitCancelled);
 }
 
 static int usageError(const char* format, ...) {
@@ -188,6 +255,8 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
 
 static int32_t applySetting(dataExchangeLibraryImp* handle, const Setting* setting) {
     const char* name = optionFlags[setting->flag].option;
+    if (name == NULL)
+        return dataExchangeSetStallTimeout(handle, (uint32_t)setting->unsignedValue);
     switch (optionFlags[setting->flag].type) {
     case Int32:
         return dataExchangeSetInt32Option(handle, name, (int32_t)setting->signedValue);
@@ -304,6 +373,117 @@ static int32_t listOptions(dataExchangeLibraryImp* handle) {
     return failure;
 }
 
+/* ---- progress and Ctrl+C ---------------------------------------------------------------- */
+
+static volatile sig_atomic_t interrupted = 0;
+
+static void onInterrupt(int signalNumber) {
+    (void)signalNumber;
+    interrupted = 1;
+}
+
+typedef struct {
+    int show;
+    int terminal;   /* one redrawn line per stage instead of plain lines */
+    int cancelled;  /* the callback asked the library to stop */
+    uint32_t stage; /* of the previous call; 0 before the first */
+    uint64_t done;  /* of the previous call */
+    uint64_t total; /* of the previous call */
+    double started; /* when the stage began */
+    double moved;   /* when its count last changed */
+    int lineLength; /* of the open terminal line, 0 when there is none */
+} Progress;
+
+static const char* stageName(uint32_t stage) {
+    static const char* const names[] = {"packing", "shared folder", "upload", "job request"};
+    return stage >= StagePacking && stage <= StageJobRequest ? names[stage - 1] : "unknown stage";
+}
+
+static void formatBytes(char* text, size_t size, double bytes) {
+    static const char* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    size_t unit = 0;
+    while (bytes >= 1024.0 && unit < 4) {
+        bytes /= 1024.0;
+        ++unit;
+    }
+    snprintf(text, size, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, units[unit]);
+}
+
+static void endProgressLine(Progress* progress) {
+    if (progress->lineLength > 0)
+        putchar('\n');
+    progress->lineLength = 0;
+    fflush(stdout);
+}
+
+static void drawProgressLine(Progress* progress) {
+    char line[160];
+    int length;
+    const int bytes = progress->stage == StagePacking || progress->stage == StageUpload;
+    /* Once all is sent the wait for the answer must not lower the rate. */
+    const double elapsed =
+        (progress->done >= progress->total ? progress->moved : secondsNow()) - progress->started;
+    const uint64_t done = progress->done < progress->total ? progress->done : progress->total;
+    if (progress->total == 0)
+        length = snprintf(line, sizeof line, "%-13s  --%%", stageName(progress->stage));
+    else
+        length = snprintf(line, sizeof line, "%-13s %3d%%", stageName(progress->stage),
+                          (int)((double)done * 100.0 / (double)progress->total));
+    if (bytes && progress->total != 0) {
+        char sent[32], total[32], rate[32], left[32] = "--:--";
+        const double perSecond = elapsed > 0.0 ? (double)done / elapsed : 0.0;
+        formatBytes(sent, sizeof sent, (double)done);
+        formatBytes(total, sizeof total, (double)progress->total);
+        formatBytes(rate, sizeof rate, perSecond);
+        if (perSecond > 0.0) {
+            /* Capped: a rate near zero would otherwise give absurd times. */
+            double seconds = (double)(progress->total - done) / perSecond;
+            unsigned long whole = seconds < 359999.0 ? (unsigned long)(seconds + 0.5) : 359999UL;
+            if (whole >= 3600)
+                snprintf(left, sizeof left, "%lu:%02lu:%02lu", whole / 3600, whole / 60 % 60,
+                         whole % 60);
+            else
+                snprintf(left, sizeof left, "%lu:%02lu", whole / 60, whole % 60);
+        }
+        length += snprintf(line + length, sizeof line - (size_t)length, "  %s of %s  %s/s  ETA %s",
+                           sent, total, rate, left);
+    }
+    if (length < 0 || (size_t)length >= sizeof line)
+        return;
+    /* Blanks overwrite what a longer previous line left behind. */
+    printf("\r%s%*s", line, progress->lineLength > length ? progress->lineLength - length : 0, "");
+    progress->lineLength = length;
+    fflush(stdout);
+}
+
+static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint64_t total,
+                                            void* context) {
+    Progress* progress = (Progress*)context;
+    int changed = 1;
+    if (stage != progress->stage) {
+        endProgressLine(progress);
+        progress->stage = stage;
+        progress->started = progress->moved = secondsNow();
+    } else if ((done == 0 && total == 0) || (done == progress->done && total == progress->total)) {
+        /* A request waiting for its first bytes tells (0, 0): keep the total already known. */
+        changed = 0;
+    } else if (done != progress->done) {
+        progress->moved = secondsNow();
+    }
+    if (changed) {
+        progress->done = done;
+        progress->total = total;
+    }
+    if (progress->show && progress->terminal)
+        drawProgressLine(progress);
+    else if (progress->show && changed)
+        printf("Progress: %s %" PRIu64 "/%" PRIu64 "\n", stageName(stage), done, total);
+    fflush(stdout);
+    if (interrupted)
+        progress->cancelled = 1;
+    return interrupted ? 1 : 0;
+}
+
 /* ---- upload -------------------------------------------------------------------------------- */
 
 static const char* destinationName(uint32_t location) {
@@ -314,10 +494,23 @@ static const char* destinationName(uint32_t location) {
     return "unknown destination";
 }
 
-static int32_t upload(dataExchangeLibraryImp* handle, const char* path) {
+static int32_t upload(dataExchangeLibraryImp* handle, const char* path, int showProgress,
+                      int* cancelled) {
     uint32_t location = 0;
-    int32_t result =
-        dataExchangeUploadData(handle, path, sizeof deliveredName, deliveredName, &location);
+    int32_t result;
+    Progress progress;
+    memset(&progress, 0, sizeof progress);
+    progress.show = showProgress;
+    progress.terminal = stdoutIsTerminal();
+    /* The callback is set even without a display: it is what cancels on Ctrl+C. */
+    catchInterrupt(onInterrupt);
+    result = dataExchangeSetProgressCallback(handle, onProgress, &progress);
+    if (result == Success)
+        result =
+            dataExchangeUploadData(handle, path, sizeof deliveredName, deliveredName, &location);
+    endProgressLine(&progress);
+    /* A cancel that came too late to stop the delivery leaves a success. */
+    *cancelled = progress.cancelled && result == DataHandlingFailed;
     if (result == Success || result == BufferTooSmall) {
         /* Either way the data arrived; a cut name has no terminator, so it is printed by
          * length. */
@@ -327,6 +520,8 @@ static int32_t upload(dataExchangeLibraryImp* handle, const char* path) {
     }
     if (result != Success)
         printFailure(handle, "upload", result);
+    /* After the errors were read: setting the callback empties the list. */
+    dataExchangeSetProgressCallback(handle, NULL, NULL);
     return result;
 }
 
@@ -347,6 +542,10 @@ int main(int argc, char** argv) {
     const char* path = NULL;
     int listRequested = 0;
     int endOfFlags = 0;
+    int removePackage = 0;
+    int useProxy = 0;
+    int showProgress = 1;
+    int cancelled = 0;
     int status;
     int32_t result = Success;
     dataExchangeLibraryImp* handle;
@@ -386,6 +585,18 @@ int main(int argc, char** argv) {
         }
         if (strcmp(arg, "--list-options") == 0) {
             listRequested = 1;
+            continue;
+        }
+        if (strcmp(arg, "--remove-package") == 0) {
+            removePackage = 1;
+            continue;
+        }
+        if (strcmp(arg, "--use-proxy") == 0) {
+            useProxy = 1;
+            continue;
+        }
+        if (strcmp(arg, "--no-progress") == 0) {
+            showProgress = 0;
             continue;
         }
         nameLength = strcspn(arg, "=");
@@ -440,10 +651,15 @@ int main(int argc, char** argv) {
             printFailure(handle, optionFlags[settings[i].flag].flag, result);
         }
     }
+    if (result == Success && removePackage)
+        result = dataExchangeSetRemovePackage(handle, 1);
+    if (result == Success && useProxy)
+        result = dataExchangeSetUseConfiguredProxy(handle, 1);
     if (result == Success)
-        result = listRequested ? listOptions(handle) : upload(handle, path);
+        result =
+            listRequested ? listOptions(handle) : upload(handle, path, showProgress, &cancelled);
     dataExchangeClose(&handle);
-    status = exitStatusOf(result);
+    status = cancelled ? ExitCancelled : exitStatusOf(result);
 
 done:
     free(settings);

@@ -200,6 +200,9 @@ RequestControl FileHandler::_requestControl(uint32_t stage) {
     control.progress = [this, stage](quint64 done, quint64 total) {
         if (stage == StageJobRequest)
             return progress.update(stage, 0, 1);
+        // Until Qt reports the request body's size, the packed item's size stands in for it.
+        if (total == 0)
+            total = uploadTotal;
         uploadTotal = total;
         return progress.update(stage, done, total);
     };

@@ -9,6 +9,11 @@
         handle["Location"] = dx.Location.Server
         name, destination = handle.upload("/data/cal7")
 
+Progress and cancel, a stall timeout, package removal and the configured proxy are opt-in:
+
+    handle.set_progress(lambda stage, done, total: print(stage.name, done, total))
+    handle.set_stall_timeout(30)
+
 Options are read and written by name; the C type comes from the library's own list of options.
 A non-zero result raises DataExchangeError with the result code and the error-list lines, except
 ValueCropped, which is reported as a ValueCroppedWarning (the clipped value is stored).
@@ -22,6 +27,7 @@ import warnings
 from typing import List, NamedTuple, Optional
 
 __all__ = ["ENVIRONMENT_VARIABLE", "Result", "OptionType", "ValueKind", "Location", "DataType",
+           "Stage",
            "READABLE", "WRITABLE", "DataExchangeError", "ValueCroppedWarning", "Option",
            "Delivery", "load", "version", "sha1", "Handle"]
 
@@ -72,6 +78,14 @@ class DataType(enum.IntEnum):
     LogFile = 6
 
 
+class Stage(enum.IntEnum):
+    """The stages an upload goes through, as a progress function is told."""
+    Packing = 1
+    SharedFolder = 2
+    Upload = 3
+    JobRequest = 4
+
+
 READABLE = 1  # access bit: the option can be read
 WRITABLE = 2  # access bit: the option can be written
 
@@ -119,6 +133,8 @@ def _result(code):
 
 _CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_char_p,
                              ctypes.c_uint32, ctypes.c_uint32, ctypes.c_void_p)
+_PROGRESS = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_uint32, ctypes.c_uint64, ctypes.c_uint64,
+                             ctypes.c_void_p)
 _NUMBERS = {OptionType.Int32: (ctypes.c_int32, -2**31, 2**31 - 1),
             OptionType.Uint32: (ctypes.c_uint32, 0, 2**32 - 1),
             OptionType.Uint64: (ctypes.c_uint64, 0, 2**64 - 1)}
@@ -140,6 +156,10 @@ def _declare(lib):
         "GetStringOption": [vp, text, ctypes.c_uint32, size, out],
         "SetStringOption": [vp, text, text],
         "UploadData": [vp, text, size, out, ctypes.POINTER(ctypes.c_uint32)],
+        "SetProgressCallback": [vp, _PROGRESS, vp],
+        "SetStallTimeout": [vp, ctypes.c_uint32],
+        "SetRemovePackage": [vp, ctypes.c_uint32],
+        "SetUseConfiguredProxy": [vp, ctypes.c_uint32],
     }
     for kind, (ctype, _, _) in _NUMBERS.items():
         prototypes["Get%sOption" % kind.name] = [vp, text, ctypes.c_uint32, ctypes.POINTER(ctype)]
@@ -204,6 +224,8 @@ class Handle:
             text = message.value.decode("utf-8", "replace")
             raise DataExchangeError("dataExchangeInit", None, text.splitlines())
         self._types = {name: kind for name, _, _, _, kind in self._describe()}
+        self._progress = None  # the C callback object, kept alive while it is set
+        self._progress_error = None
 
     def close(self) -> None:
         if self._handle.value:
@@ -305,13 +327,51 @@ class Handle:
             listing.append(Option(name, summary, description, kind, access, *values))
         return listing
 
+    def set_progress(self, function) -> None:
+        """function(stage, done, total) is called during each upload on the caller's thread; a
+        true result cancels the upload, which then raises DataExchangeError ("Upload cancelled
+        by the host"). An exception in function cancels too and is raised again. None removes
+        it."""
+        if function is None:
+            self._progress = None
+            self._call("dataExchangeSetProgressCallback", _PROGRESS(), None)
+            return
+
+        def relay(stage, done, total, _context):
+            try:
+                return 1 if function(Stage(stage), done, total) else 0
+            except BaseException as error:  # must not cross the C boundary
+                self._progress_error = error
+                return 1
+
+        self._progress = _PROGRESS(relay)
+        self._call("dataExchangeSetProgressCallback", self._progress, None)
+
+    def set_stall_timeout(self, seconds: int) -> None:
+        """Abort a request during which no bytes moved for seconds; 0 waits forever."""
+        self._call("dataExchangeSetStallTimeout", seconds)
+
+    def set_remove_package(self, enable: bool) -> None:
+        """Remove each upload's temporary folder when the upload returns."""
+        self._call("dataExchangeSetRemovePackage", 1 if enable else 0)
+
+    def set_use_configured_proxy(self, enable: bool) -> None:
+        """Send the requests through the Proxy of config.xml."""
+        self._call("dataExchangeSetUseConfiguredProxy", 1 if enable else 0)
+
     def upload(self, path) -> Delivery:
         """Packs and delivers a file or folder as the "Location" option says; blocks until
         done. Returns the delivered file name and the destination that took it."""
         name = ctypes.create_string_buffer(4096)
         used = ctypes.c_uint32(0)
-        result = self._call("dataExchangeUploadData", os.fsencode(path), len(name), name,
-                            ctypes.byref(used))
+        self._progress_error = None
+        try:
+            result = self._call("dataExchangeUploadData", os.fsencode(path), len(name), name,
+                                ctypes.byref(used))
+        finally:
+            error, self._progress_error = self._progress_error, None
+            if error is not None:
+                raise error
         if result == Result.BufferTooSmall:  # delivered, but the name did not fit
             raise DataExchangeError("dataExchangeUploadData", result, self.last_errors())
         return Delivery(name.value.decode("utf-8", "replace"), Location(used.value))

@@ -76,6 +76,21 @@ class UploadTest(unittest.TestCase):
         self.assertTrue(set(os.listdir(share)) >= {name, name + ".info"})
         self.assertRaises(ValueError, handle.upload, self.data)  # closed
 
+    def test_progress_and_cancel(self):
+        with dx.Handle(LIBRARY) as handle:
+            handle["Device type"], handle["Data type"], handle["Location"] = 0, 0, 1
+            seen = []
+            handle.set_progress(lambda stage, done, total: seen.append(stage) or True)
+            handle.set_remove_package(True)
+            with self.assertRaises(dx.DataExchangeError) as caught:
+                handle.upload(self.data)
+            self.assertEqual((caught.exception.result, caught.exception.errors, seen),
+                             (dx.Result.DataHandlingFailed, ["Upload cancelled by the host"],
+                              [dx.Stage.Packing]))
+            handle.set_progress(lambda stage, done, total: 1 / 0)
+            self.assertRaises(ZeroDivisionError, handle.upload, self.data)
+            handle.set_progress(None)
+
     def test_delivery_to_the_server(self):
         # The library reads config.xml beside the application: here a copy of the interpreter.
         host = os.path.join(self.work, "host")

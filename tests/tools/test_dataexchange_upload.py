@@ -6,6 +6,8 @@ SHARE_ROOT is the shared-folder root the library was built with (a local folder 
 """
 import os
 import re
+import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -13,12 +15,16 @@ import unittest
 
 TOOL = ""
 SHARE_ROOT = ""
+SITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, os.pardir, "tools",
+                    "processing-site", "processing_site.py")
 
 # Exit status per result code, as documented; scripts rely on these numbers.
 STATUS = {0: 0, 1: 3, 10: 4, 11: 5, 20: 6, 21: 7, 30: 8, 40: 9, -21: 10}
 USAGE = 2
+CANCELLED = 130
 FLAGS = ["--device-type", "--data-type", "--serial", "--location", "--email", "--report",
-         "--user", "--list-options", "--version", "--help"]
+         "--user", "--stall-timeout", "--remove-package", "--use-proxy", "--no-progress",
+         "--list-options", "--version", "--help"]
 
 # The listing of a fresh handle: name, type, summary, current, min, max, default.
 DEFAULT_LISTING = [
@@ -34,6 +40,7 @@ LISTING_ROW = re.compile(r"^(\S[^(\n]*) \((\w+)\): (.*)\n"
                          r"    current (.*), min (.*), max (.*), default (.*)$", re.M)
 DELIVERED = re.compile(r"^Delivered as: (\d{4}-\d\d-\d\d_\d\d-\d\d-\d\d_(.*))\n"
                        r"Destination: (.*)\n$")
+PROGRESS = re.compile(r"^Progress: (packing|shared folder|upload|job request) (\d+)/(\d+)$")
 
 
 def run(*args):
@@ -68,6 +75,7 @@ class UsageTest(unittest.TestCase):
         self.assertEqual(documented, {r: s for r, s in STATUS.items() if r != 0})
         self.assertRegex(out, r"(?m)^ +0  success$")
         self.assertRegex(out, r"(?m)^ +2  usage error")
+        self.assertRegex(out, r"(?m)^ +%d  cancelled" % CANCELLED)
 
     def test_usage_errors_exit_before_anything_is_done(self):
         cases = [
@@ -76,6 +84,7 @@ class UsageTest(unittest.TestCase):
             (["--serial", "12ab", "x"], "'12ab' is not a number"),
             (["--report=", "x"], "'' is not a number"),
             (["--serial", "-1", "x"], "'-1' is not a number"),
+            (["--stall-timeout", "-1", "x"], "'-1' is not a number"),
             (["--serial", "18446744073709551616", "x"], "is not a number"),
             (["--location", "4294967296", "x"], "is not a number"),
             (["--location", " 2", "x"], "is not a number"),
@@ -172,19 +181,29 @@ class UploadTest(unittest.TestCase):
         for name in ["a.txt", "b ü.csv"]:
             with open(os.path.join(folder, name), "w") as file:
                 file.write(name)
-        single = os.path.join(self.work.name, "log ü %s.txt" % self.token)
-        with open(single, "w") as file:
-            file.write("log\n")
+        single, quiet = [os.path.join(self.work.name, "log%s ü %s.txt" % (n, self.token))
+                         for n in ("", "2")]
+        for name in (single, quiet):
+            with open(name, "w") as file:
+                file.write("log\n")
+        # Bytes to pack: the files' sizes, as a script would compute them.
         cases = [
-            (single, "logFile_log ü %s.txt" % self.token),
-            (folder + os.sep, "logFile_Messung ü %s.zip" % self.token),
+            ([], single, "logFile_log ü %s.txt" % self.token, 4),
+            ([], folder + os.sep, "logFile_Messung ü %s.zip" % self.token, 5 + 8),
+            (["--no-progress"], quiet, "logFile_log2 ü %s.txt" % self.token, None),
         ]
-        for path, packed in cases:
+        for flags, path, packed, packing in cases:
             with self.subTest(path=path):
                 status, out, err = run("--device-type", "4", "--data-type", "6",
-                                       "--location", "1", path)
+                                       "--location", "1", *flags, path)
                 self.assertEqual(status, 0, err)
-                match = DELIVERED.match(out)
+                lines = out.splitlines(keepends=True)
+                progress = [PROGRESS.match(line.rstrip("\n")) for line in lines[:-2]]
+                self.assertNotIn(None, progress, out)
+                self.assertEqual(self.stages(progress),
+                                 [] if packing is None else
+                                 [("packing", packing), ("shared folder", 1)])
+                match = DELIVERED.match("".join(lines[-2:]))
                 self.assertIsNotNone(match, out)
                 delivered = os.path.join(share, match.group(1))
                 for file in [delivered, delivered + ".info"]:
@@ -192,6 +211,84 @@ class UploadTest(unittest.TestCase):
                     self.addCleanup(os.remove, file)
                 self.assertEqual(match.group(2), packed)
                 self.assertEqual(match.group(3), "shared folder")
+
+    def stages(self, progress):
+        """Checks each stage's counts rise from 0 to its total; returns (stage, total) in order."""
+        stages = []
+        for match in progress:
+            stage, done, total = match.group(1), int(match.group(2)), int(match.group(3))
+            if not stages or stages[-1][0] != stage:
+                self.assertEqual(done, 0, match.group(0))
+                stages.append((stage, total, [done]))
+            else:
+                self.assertEqual(total, stages[-1][1], match.group(0))
+                self.assertGreater(done, stages[-1][2][-1], match.group(0))
+                stages[-1][2].append(done)
+        for stage, total, counts in stages:
+            self.assertEqual(counts[-1], total, stage)
+        return [(stage, total) for stage, total, _ in stages]
+
+
+# A site that takes 20 s to answer an upload: long enough to interrupt the tool while it waits.
+@unittest.skipUnless(os.name == "posix", "sends SIGINT")
+class SlowServerTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.work = tempfile.TemporaryDirectory(prefix="dxUploadToolSite")
+        cls.addClassCleanup(cls.work.cleanup)
+        # The library reads config.xml beside the program, so the tool runs from a copy.
+        host = os.path.join(cls.work.name, "host")
+        os.mkdir(host)
+        cls.tool = shutil.copy2(TOOL, host)
+        cls.site = subprocess.Popen(
+            [sys.executable, SITE, "--root", cls.work.name, "--write-config", host, "--quiet",
+             "--watch-stdin", "--delay", "upload=20"],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        cls.addClassCleanup(cls.site.wait)
+        cls.addClassCleanup(cls.site.kill)
+        cls.port = int(cls.site.stdout.readline())
+        # Ignored unless --use-proxy asks for it.
+        config = os.path.join(host, "config.xml")
+        with open(config) as file:
+            text = file.read()
+        with open(config, "w") as file:
+            file.write(text.replace("</Configuration>",
+                                    "<Proxy><Url>ftp://nowhere</Url></Proxy></Configuration>"))
+        cls.data = os.path.join(cls.work.name, "cal.txt")
+        with open(cls.data, "w") as file:
+            file.write("1 2 3\n")
+
+    def start(self, *flags):
+        return subprocess.Popen(
+            [self.tool, "--device-type", "0", "--data-type", "0", "--serial", "7",
+             "--location", "2", *flags, self.data],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True)
+
+    def test_ctrl_c_while_the_server_is_waited_for_cancels(self):
+        tool = self.start()
+        # Bounded: the tool ends at the latest when the site answers.
+        for line in tool.stdout:
+            if line.startswith("Progress: upload "):
+                break
+        tool.send_signal(signal.SIGINT)
+        out, err = tool.communicate()
+        self.assertEqual(tool.returncode, CANCELLED, err)
+        self.assertNotIn("Delivered as:", out)
+        self.assertIn("Upload cancelled by the host", err.splitlines())
+
+    def test_handle_settings_reach_the_upload(self):
+        cases = [
+            (["--stall-timeout", "1"], "No data moved for 1 seconds; request to "
+                                       "'http://127.0.0.1:%d/uploadFile.php' aborted" % self.port),
+            (["--use-proxy"], "Invalid proxy URL 'ftp://nowhere'"),
+        ]
+        for flags, message in cases:
+            with self.subTest(flags=flags):
+                tool = self.start("--no-progress", *flags)
+                out, err = tool.communicate()
+                self.assertEqual(tool.returncode, STATUS[40], err)
+                self.assertEqual(out, "")
+                self.assertIn(message, err.splitlines())
 
 
 if __name__ == "__main__":
