@@ -65,7 +65,7 @@ protected:
     }
     void TearDown() override {
         dataExchangeClose(&handle);
-        QDir(shareRoot).removeRecursively();
+        dxtest::clearShareRoot();
     }
     Outcome toServer(const QString& host, const QStringList& options,
                      const QString& proxy = QString()) {

@@ -43,7 +43,7 @@ protected:
     }
     void TearDown() override {
         dataExchangeClose(&handle);
-        QDir(shareRoot).removeRecursively();
+        dxtest::clearShareRoot();
     }
     static void writeFile(const QString& path, const QByteArray& content) {
         QFile file(path);

@@ -1,5 +1,6 @@
 #include "UploadHost.h"
 
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <cstring>
@@ -52,6 +53,12 @@ Outcome runUploadHost(const QString& folder, const QString& path, const QStringL
         }
     }
     return outcome;
+}
+
+void clearShareRoot() {
+    const QString root = QDir::cleanPath(QStringLiteral(DX_SHARE_ROOT));
+    if (root.startsWith(QDir::cleanPath(QStringLiteral(DX_BINARY_DIR)) + "/"))
+        QDir(root).removeRecursively();
 }
 
 } // namespace dxtest

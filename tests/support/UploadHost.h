@@ -27,4 +27,8 @@ Outcome upload(dataExchangeLibraryImp* handle, const QString& path, size_t nameS
 Outcome runUploadHost(const QString& folder, const QString& path, const QStringList& options,
                       const QString& tmp = QString());
 
+// Empties the share root the library was built with, but only when it lies inside the build
+// tree: a build left on a real deployment's share must never have it wiped by a test.
+void clearShareRoot();
+
 } // namespace dxtest
