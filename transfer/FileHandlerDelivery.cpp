@@ -61,7 +61,10 @@ QMap<QString, QString> formFields(const QHash<QString, QVariant>& settings) {
 
 // config.xml beside the calling application, else in its "../data" folder; empty if neither.
 QString findConfiguration() {
-    const QDir appDir(QCoreApplication::applicationDirPath());
+    // Qt fills its cached application path without a lock; asking once per process keeps
+    // uploads on several threads from racing on it. The path does not change while running.
+    static const QString applicationFolder = QCoreApplication::applicationDirPath();
+    const QDir appDir(applicationFolder);
     debugPrint("Calling application lies in %s", appDir.absolutePath().toLocal8Bit().constData());
     if (QFileInfo::exists(appDir.filePath("config.xml")))
         return appDir.filePath("config.xml");

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <list>
+#include <mutex>
 #include <string>
 
 // MinGW formats with its own C99 printf (not msvcrt's), so the checks follow GNU rules there.
@@ -36,7 +37,7 @@ public:
     static int pathKind(const char* path);
 
     // A new, empty folder, remembered for removal when the instance goes; "" on failure.
-    // Not guarded: concurrent callers must serialise themselves.
+    // Safe to call from several threads: uploads on different handles may run at once.
     std::string createTemporaryFolder();
 
     // Removes one empty folder; a failure is explained on the debug output.
@@ -48,17 +49,21 @@ public:
     // links are entries, never followed. `nested` is informational only.
     static bool findFiles(const std::string& directory, bool nested, std::list<FileEntry>& entries);
 
+    // Appended to under temporaryFoldersMutex; read without it only once no upload can run
+    // (at unload, or in a test after its uploads returned).
     std::list<std::string> temporaryFolders;
+    std::mutex temporaryFoldersMutex;
 
 private:
     System();
     System(const System&) = delete;
     System& operator=(const System&) = delete;
 
-    double scaleX = 1.0;
-    double scaleY = 1.0;
-    int reserved0 = 0;
-    int reserved1 = 1;
+    // Settings the helper has always carried; nothing reads them.
+    [[maybe_unused]] double scaleX = 1.0;
+    [[maybe_unused]] double scaleY = 1.0;
+    [[maybe_unused]] int reserved0 = 0;
+    [[maybe_unused]] int reserved1 = 1;
 };
 
 } // namespace measurement

@@ -91,6 +91,8 @@ std::string System::createTemporaryFolder() {
     folder += "tmpXXXXXX";
     if (::mkdtemp(folder.data()) == nullptr)
         return {};
+    // Uploads on different handles may run on different threads at once.
+    const std::lock_guard<std::mutex> lock(temporaryFoldersMutex);
     temporaryFolders.push_back(folder);
     return folder;
 }

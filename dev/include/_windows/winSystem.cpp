@@ -86,6 +86,10 @@ int System::pathKind(const char* path) {
 }
 
 std::string System::createTemporaryFolder() {
+    // Uploads on different handles may run on different threads at once. The lock also spans
+    // choosing the name and making the folder: _tempnam only promises a name that is free now,
+    // so two threads could otherwise be given the same one.
+    const std::lock_guard<std::mutex> lock(temporaryFoldersMutex);
     char base[MAX_PATH];
     const DWORD length = GetTempPathA(MAX_PATH, base);
     if (length == 0 || length > MAX_PATH)
