@@ -1,7 +1,7 @@
 // Linux implementation of the platform layer: debug lines go to standard error, the file-system
 // helpers use the POSIX calls that match the Windows ones of winSystem.cpp step by step, so that
 // both produce the same results, orders and messages.
-#include "System.h"
+#include "SystemCommon.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -13,23 +13,7 @@
 #include <unistd.h>
 
 namespace {
-
-// The messages name this source file without its folder.
-constexpr const char* fileName(const char* path) {
-    const char* name = path;
-    for (const char* c = path; *c != '\0'; ++c)
-        if (*c == '/')
-            name = c + 1;
-    if (name != path)
-        return name;
-    for (const char* c = path; *c != '\0'; ++c)
-        if (*c == '\\')
-            name = c + 1;
-    return name;
-}
-
-constexpr const char* thisFile = fileName(__FILE__);
-
+constexpr const char* thisFile = measurement::platform::fileName(__FILE__);
 } // namespace
 
 void debugPrint(const char* format, ...) {
@@ -37,39 +21,18 @@ void debugPrint(const char* format, ...) {
         return;
     // errno is kept for callers that log a failure and then report its code.
     const int savedErrno = errno;
-    // 1023 characters, the line feed and the terminating zero.
-    char line[1025];
+    measurement::platform::DebugLine line;
     va_list args;
     va_start(args, format);
-    const int formatted = std::vsnprintf(line, 1024, format, args);
+    const bool formatted = measurement::platform::formatDebugLine(line, format, args);
     va_end(args);
-    if (formatted < 0) {
-        errno = savedErrno;
-        return;
-    }
-    const size_t length = std::strlen(line);
-    line[length] = '\n';
-    line[length + 1] = '\0';
     // A single write keeps lines of concurrent threads apart.
-    while (::write(STDERR_FILENO, line, length + 1) < 0 && errno == EINTR) {
+    while (formatted && ::write(STDERR_FILENO, line, std::strlen(line)) < 0 && errno == EINTR) {
     }
     errno = savedErrno;
 }
 
 namespace measurement {
-
-System::System() = default;
-
-System::~System() {
-    for (const std::string& folder : temporaryFolders)
-        removeDirectoryRecursively(folder);
-    temporaryFolders.clear();
-}
-
-System& System::instance() {
-    static System system;
-    return system;
-}
 
 int System::pathKind(const char* path) {
     if (path == nullptr || ::access(path, F_OK) != 0)

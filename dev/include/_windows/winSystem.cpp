@@ -6,7 +6,7 @@
 #define __USE_MINGW_ANSI_STDIO 1
 #endif
 
-#include "System.h"
+#include "SystemCommon.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -20,23 +20,7 @@
 #include <windows.h>
 
 namespace {
-
-// The messages name this source file without its folder.
-constexpr const char* fileName(const char* path) {
-    const char* name = path;
-    for (const char* c = path; *c != '\0'; ++c)
-        if (*c == '/')
-            name = c + 1;
-    if (name != path)
-        return name;
-    for (const char* c = path; *c != '\0'; ++c)
-        if (*c == '\\')
-            name = c + 1;
-    return name;
-}
-
-constexpr const char* thisFile = fileName(__FILE__);
-
+constexpr const char* thisFile = measurement::platform::fileName(__FILE__);
 } // namespace
 
 void debugPrint(const char* format, ...) {
@@ -45,36 +29,17 @@ void debugPrint(const char* format, ...) {
     // Kept for callers that log a failure and then report its code.
     const DWORD savedLastError = GetLastError();
     const int savedErrno = errno;
-    // 1023 characters, the line feed and the terminating zero.
-    char line[1025];
+    measurement::platform::DebugLine line;
     va_list args;
     va_start(args, format);
-    const int formatted = std::vsnprintf(line, 1024, format, args);
-    va_end(args);
-    if (formatted >= 0) {
-        const size_t length = std::strlen(line);
-        line[length] = '\n';
-        line[length + 1] = '\0';
+    if (measurement::platform::formatDebugLine(line, format, args))
         OutputDebugStringA(line);
-    }
+    va_end(args);
     errno = savedErrno;
     SetLastError(savedLastError);
 }
 
 namespace measurement {
-
-System::System() = default;
-
-System::~System() {
-    for (const std::string& folder : temporaryFolders)
-        removeDirectoryRecursively(folder);
-    temporaryFolders.clear();
-}
-
-System& System::instance() {
-    static System system;
-    return system;
-}
 
 int System::pathKind(const char* path) {
     if (path == nullptr || _access_s(path, 0) != 0)

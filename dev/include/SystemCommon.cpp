@@ -1,0 +1,19 @@
+// The parts of System that need no system call, shared by both platforms.
+#include "System.h"
+
+namespace measurement {
+
+System::System() = default;
+
+System::~System() {
+    for (const std::string& folder : temporaryFolders)
+        removeDirectoryRecursively(folder);
+    temporaryFolders.clear();
+}
+
+System& System::instance() {
+    static System system;
+    return system;
+}
+
+} // namespace measurement
