@@ -248,13 +248,14 @@ void ServerInteractor::_waitFor(QNetworkReply* reply) {
     QTimer ticks;
     quint64 sent = 0;
     quint64 size = 0;
+    // Lives as long as the loop: both connections below call it while the loop runs.
+    const auto tell = [&] {
+        if (!cancelled && !control.progress(sent, size)) {
+            cancelled = true;
+            reply->abort();
+        }
+    };
     if (control.progress) {
-        auto tell = [&] {
-            if (!cancelled && !control.progress(sent, size)) {
-                cancelled = true;
-                reply->abort();
-            }
-        };
         connect(reply, &QNetworkReply::uploadProgress, &loop, [&](qint64 done, qint64 total) {
             // Qt closes an upload with a spurious (0, 0).
             if (done == 0 && total == 0)
