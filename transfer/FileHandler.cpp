@@ -45,6 +45,14 @@ std::string quoted(const QString& text) {
     return "'" + text.toStdString() + "'";
 }
 
+bool hasNonAsciiName(const QString& folder) {
+    for (const QString& name : QDir(folder).entryList(listing, QDir::NoSort))
+        for (const QChar c : name)
+            if (c.unicode() > 0x7f)
+                return true;
+    return false;
+}
+
 } // namespace
 
 FileHandler::FileHandler(QObject* parent) : QObject(parent) {}
@@ -122,10 +130,11 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
     if (!zipFile.open(QIODevice::WriteOnly))
         return false;
     // QuaZip's defaults add zip64 records on demand, so archives over 4 GiB and folders of more
-    // than 65,535 files stay readable; keep them. Entry names are flagged as UTF-8 so that other
-    // readers show non-ASCII names as they are.
+    // than 65,535 files stay readable; keep them. Names are flagged as UTF-8 when one of them is
+    // not ASCII, so that other readers show it as it is; only then, since with the flag QuaZip
+    // marks a zip64 entry as needing version 6.3, which Info-ZIP's unzip refuses.
     QuaZip zip(&zipFile);
-    zip.setUtf8Enabled(true);
+    zip.setUtf8Enabled(hasNonAsciiName(folder));
     if (!zip.open(QuaZip::mdCreate, nullptr)) {
         error = "Cannot create zip file " + quoted(packedPath);
         return false;
