@@ -105,7 +105,6 @@ class Bench:
         self.rows = []
         self.once_off = []
         self.profile = []
-        self.notes = []
         for d in (self.data, self.tmp, self.out, self.share):
             d.mkdir(parents=True, exist_ok=True)
         self.env = dict(os.environ, TMPDIR=str(self.tmp))
@@ -454,7 +453,10 @@ class Bench:
             listing = subprocess.run(["unzip", "-Z", "-1", str(stored)], stdout=subprocess.PIPE,
                                      stderr=subprocess.DEVNULL, text=True)
             entries = len(listing.stdout.splitlines())
-            said = (check.stdout.strip().splitlines() or ["(nothing)"])[-1][:100]
+            # The reason of a refusal ("skipping: … need PK compat. v6.3"), else the summary.
+            said_lines = check.stdout.strip().splitlines() or ["(nothing)"]
+            said = next((l.strip() for l in said_lines if "skipping" in l), said_lines[-1])
+            said = re.sub(r"\s+", " ", said)[:120]
             ok = check.returncode == 0 and entries == files and \
                 stored.stat().st_size == packed_size
             self.once_off.append({
@@ -648,8 +650,8 @@ class Bench:
             if name not in sections:
                 order.append(name)
             sections[name] = body
-        preferred = ["Machine", "Results", "Once-off runs", "Upload profile: findings",
-                     "Upload profile: measurements"]
+        preferred = ["Machine", "Results", "Once-off runs", "Once-off runs: findings",
+                     "Upload profile: findings", "Upload profile: measurements"]
         order = [n for n in preferred if n in sections] + [n for n in order if n not in preferred]
         text = ["# Benchmarks", "",
                 "Written by `bench/run.sh`; the sections it did not run this time are kept from "
