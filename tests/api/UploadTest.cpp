@@ -1,142 +1,90 @@
-// The upload export end to end: real folders, a real shared folder under the build's share root,
-// and the local processing site. Server cases run a host program copied into a folder of the
-// test beside its config.xml, since the library looks for the file beside the application.
+// The upload export end to end through the C ABI: real folders, the build's share root as the
+// shared folder, the local processing site, and hosts in folders of their own beside config.xml.
+// Each failure gives its exact result and message, and nothing is half delivered.
 #include "ProcessingSite.h"
-#include "UploadHost.h"
-#include "dataExchange.h"
+#include "UploadFixture.h"
+#include "dataExchangeExt.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
-#include <QJsonArray>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QTemporaryDir>
-#include <gtest/gtest.h>
+#include <QTcpServer>
+#include <QThread>
+#include <sys/stat.h>
 
-#include <cstring>
+using namespace dxtest;
 
 namespace {
 
-const QString shareRoot = QStringLiteral(DX_SHARE_ROOT);
-const QString timeStamp = QStringLiteral("\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d_");
+const QString stamp = "\\d{4}-\\d\\d-\\d\\d_\\d\\d-\\d\\d-\\d\\d";
 
-QString sharedFolder(const QString& device, const QString& type) {
-    return shareRoot + "/measurement/processing/" + device + "/" + type;
+// Stages in order, each opening with done 0 and never going back, the last one complete.
+void expectWellFormed(const std::vector<std::array<quint64, 3>>& seen,
+                      const std::vector<quint64>& stages) {
+    std::vector<quint64> order;
+    for (size_t n = 0; n < seen.size(); ++n) {
+        const bool opens = order.empty() || order.back() != seen[n][0];
+        if (opens)
+            order.push_back(seen[n][0]);
+        EXPECT_TRUE(opens ? seen[n][1] == 0 : seen[n][1] >= seen[n - 1][1]) << n;
+    }
+    EXPECT_EQ(order, stages);
+    EXPECT_TRUE(stages.empty() || seen.back()[1] == seen.back()[2]);
 }
 
-QByteArray readAll(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
-
-using dxtest::Outcome;
-
-class Upload : public testing::Test {
+class Upload : public UploadFixture {
 protected:
-    void SetUp() override {
-        handle = dataExchangeInit(nullptr, 0, nullptr);
-        data = work.filePath(QStringLiteral("cal7"));
-        QDir().mkpath(data);
-        writeFile(data + "/a.csv", "1;2\n");
-        writeFile(data + QStringLiteral("/Messung_\u00e4\u00f6\u00fc.csv"), "3;4\n");
-    }
-    void TearDown() override {
-        dataExchangeClose(&handle);
-        dxtest::clearShareRoot();
-    }
-    static void writeFile(const QString& path, const QByteArray& content) {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(content);
-    }
-    void setOptions(int32_t dataType, uint32_t location) {
-        dataExchangeSetInt32Option(handle, "Device type", 0);
+    void setOptions(int32_t device, int32_t dataType, uint32_t location) {
+        dataExchangeSetInt32Option(handle, "Device type", device);
         dataExchangeSetInt32Option(handle, "Data type", dataType);
         dataExchangeSetUint32Option(handle, "Location", location);
         dataExchangeSetUint64Option(handle, "Serial number", 255);
     }
-    Outcome upload(const QString& path, size_t size = 256) {
-        return dxtest::upload(handle, path, size);
-    }
-    Outcome runHost(const QString& folder, const QStringList& options,
-                    const QString& tmp = QString()) {
-        return dxtest::runUploadHost(folder, data, options, tmp);
-    }
-
-    QTemporaryDir work;
-    QString data;
-    dataExchangeLibraryImp* handle = nullptr;
 };
 
 } // namespace
 
-TEST_F(Upload, ArgumentChecksComeInOrder) {
+TEST_F(Upload, ArgumentAndConfigurationChecks) {
     char buffer[8];
     uint32_t used = 0;
     EXPECT_EQ(dataExchangeUploadData(nullptr, "x", 8, buffer, &used), InvalidArgument);
+    const QByteArray folder = (data + "/cal7").toUtf8();
     struct Case {
+        int32_t dataType, device; // -1: left unset
         const char* path;
         size_t size;
         char* buffer;
         int32_t result;
         const char* errors;
     } cases[] = {
-        {"", 0, buffer, 1, "Empty file or folder name provided\n"},
-        {nullptr, 8, buffer, 1, "Empty file or folder name provided\n"},
-        {"C:/nothing", 0, buffer, 1, "Empty writtenFileName string provided\n"},
-        {"C:/nothing", 0, nullptr, 10, "File or folder C:/nothing does not exist\n"},
+        {0, 0, "", 0, buffer, 1, "Empty file or folder name provided\n"},
+        {0, 0, nullptr, 8, buffer, 1, "Empty file or folder name provided\n"},
+        {0, 0, "C:/nothing", 0, buffer, 1, "Empty writtenFileName string provided\n"},
+        {0, 0, "C:/nothing", 0, nullptr, 10, "File or folder C:/nothing does not exist\n"},
+        {-1, 0, folder, 8, buffer, 30, "Unhandled value for 'Data type'\n\n"},
+        {0, -1, folder, 8, buffer, 30, "Unhandled value for 'Device type'\n\n"},
     };
     for (const Case& c : cases) {
+        dataExchangeClose(&handle);
+        handle = dataExchangeInit(nullptr, 0, nullptr);
+        if (c.dataType >= 0)
+            dataExchangeSetInt32Option(handle, "Data type", c.dataType);
+        if (c.device >= 0)
+            dataExchangeSetInt32Option(handle, "Device type", c.device);
         EXPECT_EQ(dataExchangeUploadData(handle, c.path, c.size, c.buffer, &used), c.result);
         char errors[256] = "";
         dataExchangeGetLastErrors(handle, sizeof errors, errors);
         EXPECT_STREQ(errors, c.errors);
     }
-    const Outcome unset = upload(data);
-    EXPECT_EQ(unset.result, HandlerConfigurationFailed);
-    EXPECT_EQ(unset.errors, "Unhandled value for 'Data type'\n\n");
 }
 
-TEST_F(Upload, SharedFolderGetsItemAndInfo) {
-    struct Case {
-        int32_t dataType;
-        const char* folder;
-        const char* info;
-    } cases[] = {
-        {Precalibration, "precalibration",
-         "sn 0xff\ndevice cvX5\ntype precalibration\nemail \nuser nick\n"},
-        {Datalogger, "datalogger", "sn 0xff\ndevice cvX5\ntype hex\nemail \nuser nick\n"},
-        {Avt, "AVT", "sn 0xff\ndevice cvX5\ntype AVT\nemail \nreport yes\nuser nick\n"},
-    };
-    for (const Case& c : cases) {
-        setOptions(c.dataType, SharedFolder);
-        dataExchangeSetStringOption(handle, "User", "nick");
-        ASSERT_TRUE(QDir().mkpath(sharedFolder("cvX", c.folder)));
-        const Outcome outcome = upload(data + "/");
-        ASSERT_EQ(outcome.result, Success) << outcome.errors.toStdString();
-        EXPECT_EQ(outcome.location, 1u);
-        EXPECT_TRUE(outcome.name.contains(QRegularExpression(
-            "^" + timeStamp + QString(c.folder == QString("AVT") ? "AVT" : c.folder) +
-            "_cal7\\.zip$")))
-            << outcome.name.toStdString();
-        const QString delivered = sharedFolder("cvX", c.folder) + "/" + outcome.name;
-        EXPECT_TRUE(QFileInfo(delivered).isFile());
-        EXPECT_EQ(readAll(delivered + ".info"), QByteArray(c.info));
-    }
-}
-
-TEST_F(Upload, WrittenNameBufferAndMissingShare) {
-    setOptions(LogFile, SharedFolder);
-    const QString file = data + "/a.csv";
-    const Outcome missing = upload(file);
-    EXPECT_EQ(missing.result, DataHandlingFailed);
-    EXPECT_EQ(missing.errors, "Shared folder '" + sharedFolder("cvX", "logFile") +
-                                  "' does not seem to exist, please check it is correctly "
-                                  "mounted\n");
+// The name is cut without a terminator; the destination is reported all the same.
+TEST_F(Upload, WrittenNameBuffer) {
+    setOptions(0, LogFile, SharedFolder);
     ASSERT_TRUE(QDir().mkpath(sharedFolder("cvX", "logFile")));
     const size_t nameLength = 20 + QString("logFile_a.csv").size();
-    const Outcome cut = upload(file, nameLength);
+    const Outcome cut = upload(handle, data + "/cal7/a.csv", nameLength);
     EXPECT_EQ(cut.result, BufferTooSmall);
     EXPECT_EQ(cut.location, 1u);
     EXPECT_EQ(cut.errors, "Written file name is too long for allocated buffer\n");
@@ -144,78 +92,157 @@ TEST_F(Upload, WrittenNameBufferAndMissingShare) {
     EXPECT_EQ(size_t(cut.name.size()), nameLength);
 }
 
-TEST_F(Upload, ServerRoute) {
-    dxtest::ProcessingSite site;
-    ASSERT_TRUE(site.isRunning());
-    QTemporaryDir app, tmp;
-    dxtest::writeServerConfig(app.path(), site.host(), "http");
-    const Outcome outcome =
-        runHost(app.path(), {"dev=2", "dt=1", "loc=2", "sn=4711", "user=nick"}, tmp.path());
-    ASSERT_EQ(outcome.result, Success) << outcome.errors.toStdString();
-    EXPECT_EQ(outcome.name, "cmm_cal7.zip");
-    EXPECT_EQ(outcome.location, 2u);
-    ASSERT_EQ(site.jobs().size(), 1u);
-    const QJsonArray fields = site.jobs()[0].value("fields").toArray();
-    QStringList names;
-    for (const auto& field : fields)
-        names << field.toArray()[0].toString() + "=" + field.toArray()[1].toString();
-    EXPECT_EQ(names, QStringList({"device=lmM1", "email=", "sn=4711", "type=cmm", "user=nick",
-                                  "file=cmm_cal7.zip"}));
-    EXPECT_TRUE(QFileInfo(site.storedFile("cmm_cal7.zip")).isFile());
-    // The packed item stayed in the temporary folder until the host unloaded the library.
-    EXPECT_TRUE(QDir(tmp.path()).isEmpty());
+TEST_F(Upload, RemovePackage) {
+    EXPECT_EQ(dataExchangeSetRemovePackage(nullptr, 1), InvalidArgument);
+    qputenv("TMPDIR", tmp.toLocal8Bit());
+    setOptions(0, Precalibration, SharedFolder);
+    const auto folders = [&] { return QDir(tmp).entryList(QDir::Dirs | QDir::NoDotAndDotDot); };
+    EXPECT_EQ(upload(handle, data + "/cal7").result, DataHandlingFailed); // no shared folder
+    EXPECT_EQ(folders().size(), 1);
+    dataExchangeSetRemovePackage(handle, 1);
+    EXPECT_EQ(upload(handle, data + "/cal7").result, DataHandlingFailed);
+    ASSERT_TRUE(QDir().mkpath(sharedFolder("cvX", "precalibration")));
+    EXPECT_EQ(upload(handle, data + "/cal7").result, Success);
+    EXPECT_EQ(folders().size(), 1);
+    qunsetenv("TMPDIR");
 }
 
-TEST_F(Upload, SharedFolderFirstThenServer) {
-    dxtest::ProcessingSite site;
-    QTemporaryDir app;
-    dxtest::writeServerConfig(app.path(), site.host(), "http");
-    const Outcome outcome = runHost(app.path(), {"dev=0", "dt=0", "loc=3"});
-    EXPECT_EQ(outcome.result, Success);
-    EXPECT_EQ(outcome.location, 2u);
-    EXPECT_EQ(outcome.errors, "");
-    EXPECT_EQ(site.uploads().size(), 1u);
-}
+namespace {
 
-// Which config.xml is used, and what each server-side failure reports.
-TEST_F(Upload, ServerFailures) {
-    dxtest::ProcessingSite site, failingJob({"--status", "job=500"});
-    const QString dead = "127.0.0.1:1";
-    struct Case {
-        const char* what;
-        QString beside, data; // config Names; empty: no file there
-        QString errors;
-    } cases[] = {
-        {"data folder is used", "", site.host(), ""},
-        {"beside wins", site.host(), dead, ""},
-        {"no config", "", "", "Could not find any config.xml file"},
-        {"server down: silent upload failure", dead, "", "Unknown error handling data"},
-        {"job refused", failingJob.host(), "",
-         "Error transferring http://" + failingJob.host() +
-             "/pushJob.php - server replied: Internal Server Error"},
-    };
-    for (const Case& c : cases) {
-        QTemporaryDir root;
-        const QString app = root.filePath("bin");
-        QDir().mkpath(app);
-        QDir().mkpath(root.filePath("data"));
-        if (!c.beside.isEmpty())
-            dxtest::writeServerConfig(app, c.beside, "http");
-        if (!c.data.isEmpty())
-            dxtest::writeServerConfig(root.filePath("data"), c.data, "http");
-        const Outcome outcome = runHost(app, {"dev=0", "dt=0", "loc=2"});
-        EXPECT_EQ(outcome.result, c.errors.isEmpty() ? Success : DataHandlingFailed) << c.what;
-        EXPECT_EQ(outcome.errors.toStdString(),
-                  (c.errors.isEmpty() ? "" : c.errors + "\n").toStdString())
-            << c.what;
+// "<stamp>_logFile_" and this name fit into a file name of 255 bytes; with ".info" they do not.
+const QString longName = QString(221, 'n') + ".csv";
+
+// tests/data/upload-cases.txt: one map of key to value per [name] block.
+std::vector<QMap<QString, QString>> readCases() {
+    std::vector<QMap<QString, QString>> cases;
+    for (const QString& line :
+         QString::fromUtf8(readFile(DX_SOURCE_DIR "/tests/data/upload-cases.txt")).split('\n')) {
+        if (line.startsWith('['))
+            cases.push_back({{"what", line.mid(1, line.size() - 2)},
+                             {"source", "cal7"},
+                             {"result", "0"},
+                             {"share", "cvX/precalibration"}});
+        else if (!line.startsWith('#') && line.contains(':') && !cases.empty())
+            cases.back()[line.section(':', 0, 0)] =
+                line.section(':', 1).trimmed().replace("{long}", longName);
     }
-    QTemporaryDir app;
-    QFile config(app.filePath("config.xml"));
-    ASSERT_TRUE(config.open(QIODevice::WriteOnly));
-    config.write("<Configuration><Server><Name>x</Name><Protocol>http</Protocol></Server>"
-                 "</Configuration>");
-    config.close();
-    EXPECT_EQ(runHost(app.path(), {"dev=0", "dt=0", "loc=2"}).errors.toStdString(),
-              "Missing /Configuration/Server/Port information in fileMissing "
-              "/Configuration/Server/Timeout information in file\n");
+    return cases;
+}
+
+// A tinyproxy on loopback that asks for user "demo" and password "secret".
+struct Proxy {
+    explicit Proxy(const QTemporaryDir& work) : log(work.filePath("proxy.log")) {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost);
+        url = QString("http://127.0.0.1:%1").arg(probe.serverPort());
+        writeFile(work.filePath("tinyproxy.conf"),
+                  QString("Port %1\nListen 127.0.0.1\nTimeout 30\nMaxClients 8\nAllow 127.0.0.1\n"
+                          "LogFile \"%2\"\nBasicAuth demo secret\n")
+                      .arg(probe.serverPort())
+                      .arg(log)
+                      .toUtf8());
+        probe.close();
+        process.start("tinyproxy", {"-d", "-c", work.filePath("tinyproxy.conf")});
+        for (int n = 0; n < 100 && !QFile::exists(log); ++n)
+            QThread::msleep(50);
+    }
+    ~Proxy() {
+        process.terminate();
+        process.waitForFinished();
+    }
+    const QString log;
+    QString url;
+    QProcess process;
+};
+
+// The text as an anchored pattern, each {key} standing for its pattern.
+QString pattern(QString text, const QMap<QString, QString>& patterns) {
+    text = QRegularExpression::escape(text);
+    for (auto it = patterns.cbegin(); it != patterns.cend(); ++it)
+        text.replace(QRegularExpression::escape("{" + it.key() + "}"), it.value());
+    return QRegularExpression::anchoredPattern(text);
+}
+
+} // namespace
+
+// Each case: its exact result and message, nothing half delivered, and the temporary folders
+// gone when the host has unloaded the library.
+TEST_F(Upload, ThroughAHost) {
+    const std::vector<QMap<QString, QString>> cases = readCases();
+    ASSERT_EQ(cases.size(), 31u);
+    const Proxy tinyproxy(work);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c["what"].toStdString());
+        const QStringList arrange = c["arrange"].split(' ', Qt::SkipEmptyParts);
+        const QStringList options = c["options"].split(' ');
+        const QString share = DX_SHARE_ROOT "/measurement/processing/" + c["share"];
+        const bool arranged =
+            QDir().mkpath(app) &&
+            (!arrange.contains("long-name") || writeFile(data + "/" + longName, "")) &&
+            (!arrange.contains("fifo") || mkfifo(QFile::encodeName(data + "/fifo"), 0644) == 0) &&
+            (!arrange.contains("share") || QDir().mkpath(share)) &&
+            (!arrange.contains("share-is-file") || writeFile(share, ""));
+        ASSERT_TRUE(arranged);
+        std::unique_ptr<ProcessingSite> site;
+        if (c["site"] != "none")
+            site = std::make_unique<ProcessingSite>(c["site"].split(' ', Qt::SkipEmptyParts));
+        const QString host = site ? site->host() : "127.0.0.1:1";
+        if (arrange.contains("config-incomplete"))
+            writeFile(app + "/config.xml", "<Configuration><Server><Name>x</Name><Protocol>http"
+                                           "</Protocol></Server></Configuration>");
+        else if (!arrange.contains("no-config"))
+            writeServerConfig(arrange.contains("config-in-data") ? data : app, host, "http",
+                              QString(c["proxy"]).replace("{proxy}", tinyproxy.url));
+        if (arrange.contains("dead-config-in-data"))
+            writeServerConfig(data, "127.0.0.1:1");
+        chmod(QFile::encodeName(data + "/cal7/b.csv"), arrange.contains("locked-file") ? 0 : 0644);
+
+        const Outcome outcome =
+            runHost(data + "/" + c["source"], QStringList{"dev=0", "dt=0"} + options,
+                    arrange.contains("locked-file"), arrange.contains("no-ssl"));
+        EXPECT_EQ(outcome.result, c["result"].toInt());
+        const QMap<QString, QString> patterns{{"tmp", QRegularExpression::escape(tmp) + "/tmp\\w+"},
+                                              {"stamp", stamp},
+                                              {"share", QRegularExpression::escape(share)},
+                                              {"site", QRegularExpression::escape(host)},
+                                              {"app", QRegularExpression::escape(app)}};
+        const QString errors = c["errors"].isEmpty() ? "" : c["errors"] + "\n";
+        EXPECT_TRUE(QRegularExpression(pattern(errors, patterns)).match(outcome.errors).hasMatch())
+            << outcome.errors.toStdString();
+        if (c.contains("stored")) {
+            const QStringList stored = QDir(site->storedFile("")).entryList(QDir::Files);
+            EXPECT_EQ(stored.isEmpty() ? "" : zipNames(site->storedFile(stored[0])).join(','),
+                      c["stored"]);
+        }
+        if (c.contains("name")) {
+            EXPECT_TRUE(
+                QRegularExpression(pattern(c["name"], patterns)).match(outcome.name).hasMatch())
+                << outcome.name.toStdString();
+        }
+        if (c.contains("info")) {
+            EXPECT_EQ(readFile(share + "/" + outcome.name + ".info"),
+                      QString(c["info"]).replace("\\n", "\n").toUtf8());
+        }
+        if (c.contains("job")) {
+            ASSERT_EQ(site->jobs().size(), 1u);
+            EXPECT_EQ(site->jobs()[0].value("body").toString(), c["job"]);
+            EXPECT_EQ(outcome.location, 2u);
+        }
+        if (c.contains("stages")) {
+            std::vector<quint64> stages;
+            for (const QString& stage : c["stages"].split(' '))
+                stages.push_back(stage.toULongLong());
+            expectWellFormed(outcome.progress, stages);
+            EXPECT_EQ(outcome.progress.front()[2], 8u); // the bytes of the two files
+        }
+        // Nothing half delivered: an item comes with its side file, or nothing is there.
+        const int delivered = outcome.result == Success && outcome.location == 1 ? 2 : 0;
+        EXPECT_EQ(QDir(share).entryList(QDir::Files).size(), delivered);
+        EXPECT_EQ(QDir(tmp).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+        clearShareRoot();
+        for (const QString& leftover : {QString("fifo"), longName, QString("config.xml")})
+            QFile::remove(data + "/" + leftover);
+        QDir(app).removeRecursively();
+    }
+    EXPECT_TRUE(readFile(tinyproxy.log).contains("uploadFile.php"));
 }

@@ -3,47 +3,26 @@
 import subprocess
 import sys
 
-EXPECTED = {
-    "dataExchangeInit", "dataExchangeClose", "dataExchangeGetLastErrors",
-    "dataExchangeVersion", "dataExchangeSha1", "dataExchangeEnumerateOptions",
-    "dataExchangeGetInt32Option", "dataExchangeSetInt32Option",
-    "dataExchangeGetUint32Option", "dataExchangeSetUint32Option",
-    "dataExchangeGetUint64Option", "dataExchangeSetUint64Option",
-    "dataExchangeGetStringOption", "dataExchangeSetStringOption",
-    "dataExchangeUploadData",
+EXPECTED = {"dataExchange" + name for name in (
+    "Init Close GetLastErrors Version Sha1 EnumerateOptions GetInt32Option SetInt32Option "
+    "GetUint32Option SetUint32Option GetUint64Option SetUint64Option GetStringOption "
+    "SetStringOption UploadData "
     # Opt-in extensions.
-    "dataExchangeSetProgressCallback", "dataExchangeSetStallTimeout",
-    "dataExchangeSetRemovePackage", "dataExchangeSetUseConfiguredProxy",
-}
+    "SetProgressCallback SetStallTimeout SetRemovePackage SetUseConfiguredProxy").split()}
 
 
-def defined_symbols(library):
-    out = subprocess.run(["nm", "-D", "--defined-only", library], check=True,
-                         capture_output=True, text=True).stdout
-    names = set()
-    for line in out.splitlines():
-        parts = line.split()
-        # Sections of the version script (e.g. the SONAME node) show as absolute symbols.
-        if len(parts) == 3 and parts[1] != "A":
-            names.add(parts[2].split("@")[0])
-    return names
+def output(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
 
 
-def main():
-    library = sys.argv[1]
-    found = defined_symbols(library)
-    soname = subprocess.run(["objdump", "-p", library], check=True, capture_output=True,
-                            text=True).stdout
-    failures = []
-    if found != EXPECTED:
-        failures.append(f"missing {sorted(EXPECTED - found)}, extra {sorted(found - EXPECTED)}")
-    if "SONAME               libdataExchange.so.2" not in soname:
-        failures.append("SONAME is not libdataExchange.so.2")
-    for failure in failures:
-        print(failure)
-    print(f"{0 if failures else 1} passed, {len(failures)} failed")
-    return 1 if failures else 0
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+library = sys.argv[1]
+# Sections of the version script (e.g. the SONAME node) show as absolute symbols.
+found = {parts[2].split("@")[0] for parts in map(str.split, output(
+    "nm", "-D", "--defined-only", library).splitlines()) if len(parts) == 3 and parts[1] != "A"}
+failures = []
+if found != EXPECTED:
+    failures.append(f"missing {sorted(EXPECTED - found)}, extra {sorted(found - EXPECTED)}")
+if "SONAME               libdataExchange.so.2" not in output("objdump", "-p", library):
+    failures.append("SONAME is not libdataExchange.so.2")
+print("\n".join(failures + [f"{0 if failures else 1} passed, {len(failures)} failed"]))
+sys.exit(1 if failures else 0)

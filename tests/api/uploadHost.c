@@ -6,10 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* Progress lines go to standard output; cancelAt names the stage whose second call cancels. */
-static uint32_t cancelAt = 0;
-static int callsInStage = 0;
-static uint32_t lastStage = 0;
+/* Progress lines go to standard output; cancel=STAGE:CALL cancels at that call of the stage. */
+static unsigned cancelStage = 0, cancelCall = 0, callsInStage = 0, lastStage = 0;
 
 static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint64_t total,
                                             void* context) {
@@ -19,29 +17,34 @@ static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint6
     printf("progress=%u %llu %llu\n", (unsigned)stage, (unsigned long long)done,
            (unsigned long long)total);
     fflush(stdout);
-    return stage == cancelAt && callsInStage == 2;
+    return stage == cancelStage && callsInStage == cancelCall;
 }
 
 static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
     const char* value = strchr(argument, '=') + 1;
+    const unsigned number = (unsigned)strtoul(value, NULL, 10);
     if (strncmp(argument, "dev=", 4) == 0)
-        dataExchangeSetInt32Option(handle, "Device type", atoi(value));
+        dataExchangeSetInt32Option(handle, "Device type", (int32_t)number);
     else if (strncmp(argument, "dt=", 3) == 0)
-        dataExchangeSetInt32Option(handle, "Data type", atoi(value));
+        dataExchangeSetInt32Option(handle, "Data type", (int32_t)number);
     else if (strncmp(argument, "loc=", 4) == 0)
-        dataExchangeSetUint32Option(handle, "Location", (uint32_t)atoi(value));
+        dataExchangeSetUint32Option(handle, "Location", number);
     else if (strncmp(argument, "sn=", 3) == 0)
         dataExchangeSetUint64Option(handle, "Serial number", strtoull(value, NULL, 10));
     else if (strncmp(argument, "user=", 5) == 0)
         dataExchangeSetStringOption(handle, "User", value);
+    else if (strncmp(argument, "email=", 6) == 0)
+        dataExchangeSetStringOption(handle, "Email address", value);
+    else if (strncmp(argument, "report=", 7) == 0)
+        dataExchangeSetUint32Option(handle, "Report", number);
     else if (strncmp(argument, "cancel=", 7) == 0)
-        cancelAt = (uint32_t)atoi(value);
+        sscanf(value, "%u:%u", &cancelStage, &cancelCall);
     else if (strncmp(argument, "progress=", 9) == 0)
         dataExchangeSetProgressCallback(handle, onProgress, NULL);
     else if (strncmp(argument, "stall=", 6) == 0)
-        dataExchangeSetStallTimeout(handle, (uint32_t)atoi(value));
+        dataExchangeSetStallTimeout(handle, number);
     else if (strncmp(argument, "proxy=", 6) == 0)
-        dataExchangeSetUseConfiguredProxy(handle, (uint32_t)atoi(value));
+        dataExchangeSetUseConfiguredProxy(handle, number);
 }
 
 int main(int argc, char** argv) {

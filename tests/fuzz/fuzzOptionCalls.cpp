@@ -1,223 +1,107 @@
-// The option exports driven by call sequences decoded from the input: the call, the name (the
-// seven, near misses, empty, null), the value selector, the value and the buffer size (0 and 1
-// among them) all come from the bytes. Output buffers are heap blocks of exactly the size the
-// call is told, so a write past them is caught. Beyond what the sanitizers catch, a few rules of
-// the exports are checked; a broken rule aborts.
+// The option exports driven by call sequences decoded from the input. Each call takes six bytes:
+// the export, the mode (get or set, a null pointer or not), the name (the seven, near misses,
+// empty, null), the selector, the buffer size and the length of the value or text that follows.
+// Output buffers are heap blocks of exactly the size the call is told (0 among them), so the
+// sanitizers catch a write past them. The checks are the exports' rules; a broken one aborts, and
+// libFuzzer keeps the input and shows the check's line.
 #include "dataExchange.h"
 
 #include <QCoreApplication>
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
-#include <limits>
 #include <memory>
 #include <string>
+
+#define check(rule) ((rule) ? void() : std::abort())
 
 namespace {
 
 const char* const names[] = {
     "Data type", "Device type", "Email address", "Location", "Report", "Serial number", "User",
     "",          "data type",   "Location ",     "Report\n", "Serial", nullptr};
-const char* const paths[] = {"", nullptr, "/nonexistent/dataExchange/cal7"};
+const uint32_t selectors[] = {Current, Minimum, Maximum, Default, 4, 0xffffffffu};
+const int32_t codes[] = {0, 1, 10, 11, 20, 21, 30, 40, -20, -21}; // those of dataExchange.h
 
-// A broken rule names itself before the abort, which libFuzzer turns into a crash file.
-#define check(rule)                                                                                \
-    do {                                                                                           \
-        if (!(rule)) {                                                                             \
-            std::fprintf(stderr, "broken rule, line %d: %s\n", __LINE__, #rule);                   \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (false)
-
-class Input {
-public:
-    Input(const uint8_t* data, size_t size) : data(data), left(size) {}
-    bool empty() const { return left == 0; }
-    uint8_t byte() {
-        if (left == 0)
-            return 0;
-        --left;
-        return *data++;
-    }
-    template <typename T> T number() {
-        uint64_t value = 0;
-        for (size_t n = 0; n < sizeof(T); ++n)
-            value = value << 8 | byte();
-        return static_cast<T>(value);
-    }
-    const char* name() { return names[byte() % std::size(names)]; }
-    // Mostly the four selectors, now and then one that selects nothing.
-    uint32_t which() {
-        const uint8_t b = byte();
-        return b < 240 ? b % 4 : b == 255 ? 0xffffffffu : b;
-    }
-    size_t size() {
-        static const size_t sizes[] = {0, 1, 2, 5, 37, 41, 64, 4096};
-        const uint8_t b = byte();
-        return b < 128 ? sizes[b % std::size(sizes)] : b - 128u;
-    }
-    // Up to 255 bytes of the input, as a C string (it ends at the first zero byte).
-    std::string text() {
-        const size_t length = std::min<size_t>(byte(), left);
-        std::string value(reinterpret_cast<const char*>(data), length);
-        data += length;
-        left -= length;
-        return value.c_str();
-    }
-
-private:
+struct Input {
     const uint8_t* data;
     size_t left;
+    uint8_t byte() { return left == 0 ? 0 : (--left, *data++); }
 };
 
-// A heap block of exactly size bytes, even for 0.
-using Buffer = std::unique_ptr<char, decltype(&std::free)>;
-Buffer allocate(size_t size) {
-    return Buffer(static_cast<char*>(std::malloc(size)), &std::free);
-}
-
-void DATAEXCHANGE_CALL countOption(const char*, const char*, const char*, uint32_t, uint32_t,
-                                   void* context) {
-    ++*static_cast<int*>(context);
-}
-
-template <typename T, typename Set, typename Get>
-void setNumber(dataExchangeLibraryImp* handle, Input& in, Set set, Get get) {
-    const char* name = in.name();
-    const T value = in.number<T>();
-    const int32_t result = set(handle, name, value);
-    T read{};
-    if (result == Success)
-        check(get(handle, name, Current, &read) == Success && read == value);
-    if (result == ValueCropped) {
-        // A bound that cannot be read counts as none ("Report" hides its minimum of 0).
-        T minimum = std::numeric_limits<T>::min(), maximum = std::numeric_limits<T>::max();
-        get(handle, name, Minimum, &minimum);
-        get(handle, name, Maximum, &maximum);
-        check(get(handle, name, Current, &read) == Success);
-        check(minimum <= read && read <= maximum && read != value);
-    }
-}
-
-void call(dataExchangeLibraryImp*& handle, Input& in) {
-    switch (in.byte() % 13) {
+// Decodes one call and makes it; returns its result.
+int32_t call(dataExchangeLibraryImp*& handle, Input& in) {
+    const uint8_t op = in.byte() % 7, mode = in.byte(); // mode bit 0: get, bit 1: a null pointer
+    const char* name = names[in.byte() % std::size(names)];
+    const uint32_t which = selectors[in.byte() % std::size(selectors)];
+    const size_t size = in.byte(), length = in.byte(); // of the buffer; of the bytes that follow
+    std::string bytes;                                 // the value or text
+    while (bytes.size() < length)
+        bytes += static_cast<char>(in.byte());
+    const std::unique_ptr<char[]> buffer(new char[size]); // exactly `size` bytes, 0 among them
+    std::memset(buffer.get(), '#', size);
+    // A number is a get, or a set that reads back as given (as something else when cropped).
+    const auto number = [&](auto setter, auto getter, auto read) {
+        auto value = read;
+        std::memcpy(&value, bytes.data(), std::min(sizeof value, length));
+        if (mode & 1)
+            return getter(handle, name, which, mode & 2 ? nullptr : &read);
+        const int32_t result = setter(handle, name, value);
+        check((result != Success && result != ValueCropped) ||
+              (getter(handle, name, Current, &read) == Success &&
+               (read == value) == (result == Success)));
+        return result;
+    };
+    int32_t result = Success;
+    switch (op) {
     case 0:
-        setNumber<int32_t>(handle, in, dataExchangeSetInt32Option, dataExchangeGetInt32Option);
-        break;
+        return number(dataExchangeSetInt32Option, dataExchangeGetInt32Option, int32_t());
     case 1:
-        setNumber<uint32_t>(handle, in, dataExchangeSetUint32Option, dataExchangeGetUint32Option);
-        break;
+        return number(dataExchangeSetUint32Option, dataExchangeGetUint32Option, uint32_t());
     case 2:
-        setNumber<uint64_t>(handle, in, dataExchangeSetUint64Option, dataExchangeGetUint64Option);
-        break;
-    case 3: {
-        const char* name = in.name();
-        const std::string value = in.text();
-        const bool null = in.byte() & 1;
-        if (dataExchangeSetStringOption(handle, name, null ? nullptr : value.c_str()) == Success) {
-            char read[256];
-            check(dataExchangeGetStringOption(handle, name, Current, sizeof read, read) ==
-                      Success &&
-                  value == read);
-        }
-        break;
+        return number(dataExchangeSetUint64Option, dataExchangeGetUint64Option, uint64_t());
+    case 3: { // text up to the first zero byte, or null
+        const char* text = mode & 2 ? nullptr : bytes.c_str();
+        char read[256];
+        result = dataExchangeSetStringOption(handle, name, text);
+        check(result != Success ||
+              (dataExchangeGetStringOption(handle, name, Current, sizeof read, read) == Success &&
+               std::strcmp(read, text) == 0));
+        return result;
     }
-    case 4: {
-        int32_t value = 0;
-        const char* name = in.name();
-        dataExchangeGetInt32Option(handle, name, in.which(), in.byte() & 1 ? &value : nullptr);
-        break;
-    }
-    case 5: {
-        uint32_t value = 0;
-        const char* name = in.name();
-        dataExchangeGetUint32Option(handle, name, in.which(), in.byte() & 1 ? &value : nullptr);
-        break;
-    }
-    case 6: {
-        uint64_t value = 0;
-        const char* name = in.name();
-        dataExchangeGetUint64Option(handle, name, in.which(), in.byte() & 1 ? &value : nullptr);
-        break;
-    }
-    case 7: {
-        const char* name = in.name();
-        const uint32_t which = in.which();
-        const size_t size = in.size();
-        const Buffer buffer = allocate(size);
-        const int32_t result = dataExchangeGetStringOption(handle, name, which, size,
-                                                           in.byte() & 1 ? buffer.get() : nullptr);
-        if (result == Success && size != 0)
-            check(std::memchr(buffer.get(), 0, size) != nullptr);
-        break;
-    }
-    case 8: {
-        // A null buffer with a size is the caller's error here, so the buffer is always real.
-        const size_t size = in.size();
-        const Buffer buffer = allocate(size);
-        const int32_t result = dataExchangeGetLastErrors(handle, size, buffer.get());
-        check(result == Success || result == BufferTooSmall);
-        if (size != 0)
-            buffer.get()[0] = '#';
-        // The messages are gone either way: the next call writes nothing.
-        check(dataExchangeGetLastErrors(handle, size, buffer.get()) == Success);
-        check(size == 0 || buffer.get()[0] == '#');
-        break;
-    }
-    case 9: {
-        int count = 0;
-        const bool withCallback = in.byte() & 1;
-        check(dataExchangeEnumerateOptions(handle, withCallback ? countOption : nullptr, &count) ==
-              Success);
-        check(count == (withCallback ? 7 : 0));
-        break;
-    }
-    case 10: {
-        const bool sha1 = in.byte() & 1;
-        const size_t size = in.size();
-        const Buffer buffer = allocate(size);
-        char* target = in.byte() & 1 ? buffer.get() : nullptr;
-        const int32_t result =
-            sha1 ? dataExchangeSha1(size, target) : dataExchangeVersion(size, target);
-        if (result == Success)
-            check(target != nullptr && std::memchr(target, 0, size) != nullptr);
-        break;
-    }
-    case 11: {
-        // Argument checks only: none of these paths exists, so nothing is packed or sent.
-        const char* path = paths[in.byte() % std::size(paths)];
-        const size_t size = in.size();
-        const Buffer buffer = allocate(size);
-        uint32_t used = 0;
-        check(dataExchangeUploadData(handle, path, size, in.byte() & 1 ? buffer.get() : nullptr,
-                                     &used) != Success);
-        break;
-    }
+    case 4: // a string of the option that fits is terminated
+        result = dataExchangeGetStringOption(handle, name, which, size,
+                                             mode & 2 ? nullptr : buffer.get());
+        check(result != Success || (!(mode & 2) && std::memchr(buffer.get(), 0, size)));
+        return result;
+    case 5: // the messages are gone either way: the next call leaves the buffer untouched
+        result = dataExchangeGetLastErrors(handle, size, buffer.get());
+        std::memset(buffer.get(), '#', size);
+        check((result == Success || result == BufferTooSmall) &&
+              dataExchangeGetLastErrors(handle, size, buffer.get()) == Success &&
+              std::count(buffer.get(), buffer.get() + size, '#') == static_cast<long>(size));
+        return result;
     default:
         check(dataExchangeClose(&handle) == Success && handle == nullptr);
-        handle = dataExchangeInit(nullptr, in.size(), allocate(0).get());
+        handle = dataExchangeInit(nullptr, 0, nullptr);
         check(handle != nullptr);
-        break;
+        return Success;
     }
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    // The host's application object: the handles borrow it instead of making one each.
-    new QCoreApplication(*argc, *argv);
+    new QCoreApplication(*argc, *argv); // the host's: the handles borrow it, not make one each
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Input in(data, size);
+    Input in{data, size};
     dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
     check(handle != nullptr);
-    for (int calls = 0; calls < 256 && !in.empty(); ++calls)
-        call(handle, in);
+    for (int calls = 0; calls < 256 && in.left != 0; ++calls)
+        check(std::count(std::begin(codes), std::end(codes), call(handle, in)) == 1);
     check(dataExchangeClose(&handle) == Success);
     return 0;
 }

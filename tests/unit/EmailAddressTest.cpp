@@ -1,4 +1,4 @@
-// The e-mail rule: same language as the regular expression it replaces, at any input length.
+// The e-mail rule: the same language as the regular expression it replaces, at any input length.
 #include "options/EmailAddress.h"
 
 #include <gtest/gtest.h>
@@ -8,29 +8,8 @@
 
 using measurement::dataExchange::isAcceptedEmailAddress;
 
-TEST(EmailAddress, Examples) {
-    const std::pair<const char*, bool> cases[] = {
-        {"anna.berg@lab-3.example.org", true},
-        {".a-b_c@-x.de", true},
-        {"a@b.c", true},
-        {"a@b.c1", false},
-        {"a b@c.de", false},
-        {"", false},
-        {"@b.de", false},
-        {"a@.de", false},
-        {"a@de", false},
-        {"a@b.", false},
-        {"a@b@c.de", false},
-        {"a@b.de ", false},
-        {"\xc3\xa4@b.de", false},
-        {"a@b..de", true},
-    };
-    for (const auto& [value, accepted] : cases)
-        EXPECT_EQ(isAcceptedEmailAddress(value), accepted) << value;
-}
-
-// Compares with std::regex over many generated short strings drawn from the characters that
-// matter (word characters, separators, letters in the ending, a blank, a non-ASCII byte).
+// Many generated short strings drawn from the characters that matter (word characters,
+// separators, letters in the ending, a blank, a non-ASCII byte), then one huge value each way.
 TEST(EmailAddress, AgreesWithTheRegularExpression) {
     const std::regex pattern(R"(^[\w\-.]+@[\w\-.]+\.[a-zA-Z]+$)");
     const std::string alphabet = "aZ0_-.@@. \xe9";
@@ -42,9 +21,6 @@ TEST(EmailAddress, AgreesWithTheRegularExpression) {
             value += alphabet[pick(random)];
         ASSERT_EQ(isAcceptedEmailAddress(value), std::regex_match(value, pattern)) << value;
     }
-}
-
-TEST(EmailAddress, HugeValuesAreJudgedNotCrashed) {
     const std::string local(1 << 20, 'a');
     EXPECT_TRUE(isAcceptedEmailAddress(local + "@b.de"));
     EXPECT_FALSE(isAcceptedEmailAddress(local + "@b.d3"));

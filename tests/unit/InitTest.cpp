@@ -1,4 +1,5 @@
-// A catalogue that yields no options makes Init fail and report through its buffer.
+// A catalogue that yields no options makes Init fail and report through its buffer, which Init
+// alone always terminates.
 #include "dataExchange.h"
 #include "options/OptionCatalogue.h"
 
@@ -8,23 +9,16 @@
 
 using namespace measurement::dataExchange;
 
-namespace {
-dataExchangeLibraryImp::OptionMap& noOptions(dataExchangeLibraryImp& owner) {
-    return owner.options;
-}
-} // namespace
-
 TEST(Init, EmptyCatalogueFailsWithTerminatedMessage) {
-    const CatalogueBuilder previous = replaceCatalogueBuilder(&noOptions);
-    struct Case {
-        size_t size;
-        const char* expected;
-    } cases[] = {{10, "No option"}, {19, "No options defined"}, {64, "No options defined\n"}};
-    for (const Case& c : cases) {
+    const CatalogueBuilder previous = replaceCatalogueBuilder(
+        [](dataExchangeLibraryImp & owner) -> auto& { return owner.options; });
+    const std::pair<size_t, const char*> cases[] = {
+        {10, "No option"}, {19, "No options defined"}, {64, "No options defined\n"}};
+    for (const auto& [size, expected] : cases) {
         char buffer[64];
         std::memset(buffer, '#', sizeof buffer);
-        EXPECT_EQ(dataExchangeInit(nullptr, c.size, buffer), nullptr);
-        EXPECT_STREQ(buffer, c.expected) << c.size;
+        EXPECT_EQ(dataExchangeInit(nullptr, size, buffer), nullptr);
+        EXPECT_STREQ(buffer, expected) << size;
     }
     char untouched[4] = "abc";
     EXPECT_EQ(dataExchangeInit(nullptr, 0, untouched), nullptr);

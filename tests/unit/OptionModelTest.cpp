@@ -1,5 +1,5 @@
 // Typed option objects: what the catalogue's options never show through the exports (missing
-// value functions, mislabelled types, other types' operations) and the clamping rules.
+// value functions, mislabelled types, other types' operations) and the unsigned absent marker.
 #include "options/dataExchangeOptionInt32Internal.h"
 #include "options/dataExchangeOptionStringInternal.h"
 #include "options/dataExchangeOptionUint32Internal.h"
@@ -7,62 +7,31 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 using namespace measurement::dataExchange;
 using Imp = dataExchangeLibraryImp;
 
 namespace {
-template <typename T> T slot{};
-template <typename T> T load(Imp*) {
-    return slot<T>;
+int32_t stored = 0;
+int32_t load(Imp*) {
+    return stored;
 }
-template <typename T> Imp::AccessStatus store(Imp*, const T& value, bool&) {
-    slot<T> = value;
+Imp::AccessStatus store(Imp*, const int32_t& value, bool&) {
+    stored = value;
     return Imp::Ok;
 }
 } // namespace
 
-TEST(OptionModel, ClampingAndCropping) {
-    dataExchangeOptionInt32Internal i32(Int32, 3, "n", "s", "d", nullptr, 0, 4, 1, &load<int32_t>,
-                                        &store<int32_t>);
-    const struct {
-        int32_t given, stored;
-        bool cropped;
-    } cases[] = {{9, 4, true}, {-3, 0, true}, {2, 2, false}, {4, 4, false}};
-    for (const auto& c : cases) {
-        bool cropped = !c.cropped;
-        EXPECT_EQ(i32.setValueFromInt32(c.given, cropped), Imp::Ok);
-        EXPECT_EQ(slot<int32_t>, c.stored) << c.given;
-        EXPECT_EQ(cropped, c.cropped) << c.given;
-    }
-    // An unsigned minimum of 0 is the absent marker: it reads as missing and clips nothing.
-    dataExchangeOptionUint64Internal u64(Uint64, 3, "n", "s", "d", nullptr, 0u, 10u, ~uint64_t(0),
-                                         &load<uint64_t>, &store<uint64_t>);
-    uint64_t value = 7;
-    EXPECT_EQ(u64.minValueAsUint64(value), Imp::NoValue);
-    EXPECT_EQ(u64.takePendingMessage(), "No min value provided");
-    EXPECT_EQ(u64.defaultValueAsUint64(value), Imp::NoValue);
-    EXPECT_EQ(u64.takePendingMessage(), "No default value provided");
-    EXPECT_EQ(value, 7u);
-    bool cropped = false;
-    EXPECT_EQ(u64.setValueFromUint64(11, cropped), Imp::Ok);
-    EXPECT_TRUE(cropped);
-    EXPECT_EQ(slot<uint64_t>, 10u);
-    // Texts are never clipped, and the caller's flag is left as it was.
-    dataExchangeOptionStringInternal str(String, 3, "n", "s", "d", nullptr, "", &load<std::string>,
-                                         &store<std::string>);
-    cropped = true;
-    EXPECT_EQ(str.setValueFromString("abc", cropped), Imp::Ok);
-    EXPECT_TRUE(cropped);
-}
-
-// Missing value functions: Uint64 answers with the two codes swapped, Int32 with its own text.
-TEST(OptionModel, MissingValueFunctions) {
+// Missing value functions: Uint64 answers with the two codes swapped, Int32 with its own text;
+// an unsigned bound of 0 is the absent marker, for Uint32 and Uint64 alike.
+TEST(OptionModel, MissingValueFunctionsAndBounds) {
     dataExchangeOptionInt32Internal i32(Int32, 3, "n", "s", "d", nullptr, 0, 4, 1, nullptr,
                                         nullptr);
-    dataExchangeOptionUint32Internal u32(Uint32, 3, "n", "s", "d", nullptr, 0u, 4u, 1u, nullptr,
+    dataExchangeOptionUint32Internal u32(Uint32, 3, "n", "s", "d", nullptr, 0u, 4u, ~0u, nullptr,
                                          nullptr);
-    dataExchangeOptionUint64Internal u64(Uint64, 3, "n", "s", "d", nullptr, 0u, 4u, 1u, nullptr,
-                                         nullptr);
+    dataExchangeOptionUint64Internal u64(Uint64, 3, "n", "s", "d", nullptr, 0u, ~uint64_t(0), 1u,
+                                         nullptr, nullptr);
     dataExchangeOptionStringInternal str(String, 3, "n", "s", "d", nullptr, "", nullptr, nullptr);
     int32_t i = 0;
     uint32_t u = 0;
@@ -71,29 +40,33 @@ TEST(OptionModel, MissingValueFunctions) {
     bool c = false;
     const struct {
         const dataExchangeOptionInternal& option;
-        Imp::AccessStatus get, set;
-        const char* setMessage;
+        std::function<Imp::AccessStatus()> call;
+        Imp::AccessStatus expected;
+        const char* message;
     } cases[] = {
-        {i32, i32.currentValueAsInt32(i), i32.setValueFromInt32(1, c), "Value has no setter"},
-        {u32, u32.currentValueAsUint32(u), u32.setValueFromUint32(1, c), "Value is read-only"},
-        {u64, u64.currentValueAsUint64(l), u64.setValueFromUint64(1, c), "Value is read-only"},
-        {str, str.currentValueAsString(s), str.setValueFromString("x", c), "Value is read-only"},
+        {i32, [&] { return i32.currentValueAsInt32(i); }, Imp::WriteOnly, "Value is write-only"},
+        {i32, [&] { return i32.setValueFromInt32(1, c); }, Imp::ReadOnly, "Value has no setter"},
+        {u32, [&] { return u32.currentValueAsUint32(u); }, Imp::WriteOnly, "Value is write-only"},
+        {u32, [&] { return u32.setValueFromUint32(1, c); }, Imp::ReadOnly, "Value is read-only"},
+        {u32, [&] { return u32.minValueAsUint32(u); }, Imp::NoValue, "No min value provided"},
+        {u32, [&] { return u32.defaultValueAsUint32(u); }, Imp::NoValue,
+         "No default value provided"},
+        {u64, [&] { return u64.currentValueAsUint64(l); }, Imp::ReadOnly, "Value is write-only"},
+        {u64, [&] { return u64.setValueFromUint64(1, c); }, Imp::WriteOnly, "Value is read-only"},
+        {u64, [&] { return u64.maxValueAsUint64(l); }, Imp::NoValue, "No max value provided"},
+        {str, [&] { return str.currentValueAsString(s); }, Imp::WriteOnly, "Value is write-only"},
+        {str, [&] { return str.setValueFromString("x", c); }, Imp::ReadOnly, "Value is read-only"},
     };
-    const Imp::AccessStatus expected[][2] = {{Imp::WriteOnly, Imp::ReadOnly},
-                                             {Imp::WriteOnly, Imp::ReadOnly},
-                                             {Imp::ReadOnly, Imp::WriteOnly},
-                                             {Imp::WriteOnly, Imp::ReadOnly}};
-    for (size_t n = 0; n < std::size(cases); ++n) {
-        EXPECT_EQ(cases[n].get, expected[n][0]) << n;
-        EXPECT_EQ(cases[n].set, expected[n][1]) << n;
-        // The set ran last, so its message is the one pending.
-        EXPECT_EQ(cases[n].option.takePendingMessage(), cases[n].setMessage) << n;
+    for (const auto& row : cases) {
+        EXPECT_EQ(row.call(), row.expected) << row.message;
+        EXPECT_EQ(row.option.takePendingMessage(), row.message);
     }
+    EXPECT_EQ(u + l + i, 0u); // nothing read
 }
 
 TEST(OptionModel, OtherTypesReachTheBaseOrTheTypeCheck) {
-    dataExchangeOptionInt32Internal option(Int32, 3, "n", "s", "d", nullptr, 0, 4, 1,
-                                           &load<int32_t>, &store<int32_t>);
+    dataExchangeOptionInt32Internal option(Int32, 3, "n", "s", "d", nullptr, 0, 4, 1, &load,
+                                           &store);
     uint32_t u = 0;
     EXPECT_EQ(option.currentValueAsUint32(u), Imp::Unimplemented);
     const std::string message = option.takePendingMessage();
@@ -101,8 +74,8 @@ TEST(OptionModel, OtherTypesReachTheBaseOrTheTypeCheck) {
     EXPECT_NE(message.find("currentValueAsUint32"), std::string::npos) << message;
     EXPECT_EQ(message.substr(message.size() - 7), " method");
 
-    dataExchangeOptionInt32Internal mislabelled(Uint32, 3, "n", "s", "d", nullptr, 0, 4, 1,
-                                                &load<int32_t>, &store<int32_t>);
+    dataExchangeOptionInt32Internal mislabelled(Uint32, 3, "n", "s", "d", nullptr, 0, 4, 1, &load,
+                                                &store);
     int32_t i = 0;
     EXPECT_EQ(mislabelled.currentValueAsInt32(i), Imp::WrongType);
     EXPECT_EQ(mislabelled.takePendingMessage(), "Option type is Uint32");

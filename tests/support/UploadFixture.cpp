@@ -1,0 +1,134 @@
+#include "UploadFixture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace dxtest {
+
+bool writeFile(const QString& path, const QByteArray& content) {
+    QFile file(path);
+    return QDir().mkpath(QFileInfo(path).path()) && file.open(QIODevice::WriteOnly) &&
+           file.write(content) == content.size();
+}
+
+QByteArray readFile(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+QString writeServerConfig(const QString& folder, const QString& name, const QString& protocol,
+                          const QString& extra) {
+    const QString path = folder + "/config.xml";
+    const QString xml = "<Configuration><Server><Name>%1</Name><Protocol>%2</Protocol><Port>9"
+                        "</Port><Timeout>30</Timeout></Server>%3</Configuration>\n";
+    return writeFile(path, xml.arg(name, protocol, extra).toUtf8()) ? path : QString();
+}
+
+QJsonObject readZip(const QString& path) {
+    QProcess python;
+    python.start(DX_PYTHON, {DX_SOURCE_DIR "/tests/support/zipinfo.py", path});
+    python.waitForFinished();
+    return QJsonDocument::fromJson(python.readAllStandardOutput()).object();
+}
+
+QStringList zipNames(const QString& path) {
+    QStringList names;
+    for (const auto& entry : readZip(path).value("entries").toArray())
+        names << entry.toObject().value("name").toString();
+    names.sort();
+    return names;
+}
+
+QString sharedFolder(const QString& device, const QString& type) {
+    return DX_SHARE_ROOT "/measurement/processing/" + device + "/" + type;
+}
+
+void clearShareRoot() {
+    const QString root = QDir::cleanPath(DX_SHARE_ROOT);
+    if (root.startsWith(QDir::cleanPath(DX_BINARY_DIR) + "/"))
+        QDir(root).removeRecursively();
+}
+
+Outcome upload(dataExchangeLibraryImp* handle, const QString& path, size_t nameSize) {
+    Outcome outcome;
+    char name[256];
+    std::memset(name, '#', sizeof name);
+    outcome.result = dataExchangeUploadData(handle, path.toUtf8().constData(), nameSize, name,
+                                            &outcome.location);
+    outcome.name = QString::fromUtf8(name, int(strnlen(name, nameSize)));
+    char errors[4096] = "";
+    dataExchangeGetLastErrors(handle, sizeof errors, errors);
+    outcome.errors = QString::fromUtf8(errors);
+    return outcome;
+}
+
+void UploadFixture::SetUp() {
+    handle = dataExchangeInit(nullptr, 0, nullptr);
+    ASSERT_TRUE(writeFile(data + "/cal7/a.csv", "1;2\n") &&
+                writeFile(data + "/cal7/b.csv", "3;4\n"));
+    ASSERT_TRUE(QDir().mkpath(app) && QDir().mkpath(tmp));
+    // A host that runs as another user reaches into the test's folders.
+    chmod(QFile::encodeName(work.path()), 0755);
+    chmod(QFile::encodeName(tmp), 0777);
+}
+
+void UploadFixture::TearDown() {
+    dataExchangeClose(&handle);
+    clearShareRoot();
+}
+
+Outcome UploadFixture::runHost(const QString& source, const QStringList& options, bool asNobody,
+                               bool withoutSsl) {
+    const QString host = app + "/uploadHost";
+    QFile::remove(host);
+    QFile::copy(DX_UPLOAD_HOST, host);
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("TMPDIR", tmp);
+    // Empty shared objects under the names Qt loads: SSL then counts as unavailable.
+    const QString stubs = work.filePath("stubs");
+    if (withoutSsl && !QFile::exists(stubs + "/libcrypto.so.3"))
+        QProcess::execute("sh", {"-c", "mkdir -p '" + stubs + "' && cd '" + stubs +
+                                           "' && echo 'int x;' >s.c && cc -shared -o libssl.so.3 "
+                                           "s.c && for n in libssl.so libcrypto.so libcrypto.so.3; "
+                                           "do cp libssl.so.3 $n; done"});
+    if (withoutSsl) {
+        environment.insert("LD_LIBRARY_PATH", stubs);
+        environment.insert("QT_LOGGING_RULES", "qt.network.ssl.warning=false");
+    }
+    process.setProcessEnvironment(environment);
+    QStringList command{host, source};
+    if (asNobody && geteuid() == 0)
+        command =
+            QStringList{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"} + command;
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    const QString program = command.takeFirst();
+    process.start(program, command + options);
+    process.waitForFinished(300000);
+    Outcome outcome;
+    const QString output = QString::fromUtf8(process.readAllStandardOutput());
+    // The error list comes last and keeps its own line feeds.
+    outcome.errors = output.section("\nerrors=", 1);
+    for (const QString& line : output.section("\nerrors=", 0, 0).split('\n')) {
+        const QString key = line.section('=', 0, 0), value = line.section('=', 1);
+        const QStringList n = value.split(' ');
+        if (key == "result")
+            outcome.result = value.toInt();
+        else if (key == "name")
+            outcome.name = value;
+        else if (key == "location")
+            outcome.location = value.toUInt();
+        else if (key == "progress")
+            outcome.progress.push_back(
+                {n[0].toULongLong(), n[1].toULongLong(), n[2].toULongLong()});
+    }
+    return outcome;
+}
+
+} // namespace dxtest
