@@ -15,6 +15,11 @@ install(TARGETS dataExchange EXPORT dataExchangeTargets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
     FILES_MATCHING PATTERN "*.h")
+if(MINGW AND DATAEXCHANGE_DLLTOOL)
+    # For MSVC hosts: the import library and the export list beside the MinGW import library.
+    install(FILES ${CMAKE_BINARY_DIR}/dataExchange.lib ${DATAEXCHANGE_DEF}
+        DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 if(NOT APPLE AND NOT WIN32)
     # Finds the library of the same prefix wherever the prefix is.
     file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
@@ -42,7 +47,10 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/dataExchange.pc.in
 install(FILES ${PROJECT_BINARY_DIR}/dataExchange.pc DESTINATION ${DATAEXCHANGE_PC_DIR})
 
 # Debian package: cpack -G DEB. Its dependencies come from dpkg-shlibdeps (Qt 5, QuaZip, C++
-# run-time), its shlibs file and ldconfig trigger from CPack.
+# run-time), its shlibs file and ldconfig trigger from CPack. Not for Windows builds.
+if(WIN32)
+    return()
+endif()
 set(CPACK_PACKAGE_NAME dataexchange)
 set(CPACK_PACKAGE_VENDOR "dataExchange developers")
 set(CPACK_PACKAGE_CONTACT "dataExchange developers <dataexchange@localhost>")
