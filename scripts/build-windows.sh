@@ -153,5 +153,24 @@ wait "$site_pid" 2>/dev/null || true
 site_pid=""
 rm -f "$build/config.xml"
 
+step "delivery to the shared folder through a UNC path"
+# Wine maps \\<server>\<share> to $WINEPREFIX/dosdevices/unc/<server>/<share>; the share here is
+# a folder of the smoke test, with the library's UNC template \\fileserver\measurement\....
+mkdir -p "$smoke/share/processing/cvX/precalibration" "$WINEPREFIX/dosdevices/unc/fileserver"
+ln -sfn "$smoke/share" "$WINEPREFIX/dosdevices/unc/fileserver/measurement"
+output=$(cd "$build" && wine dataexchange-upload.exe --device-type 0 --data-type 0 --location 1 \
+    --user nick "Z:${smoke//\//\\}\\cal7" </dev/null 2>/dev/null) ||
+    fail "shared folder: status $?"
+check "shared folder" "$output" "^Destination: shared folder$" \
+    "^Delivered as: [0-9_-]{19}_precalibration_cal7\.zip$"
+delivered=$(sed -n 's/^Delivered as: \(.*\)\r$/\1/p' <<<"$output")
+unzip -tqq "$smoke/share/processing/cvX/precalibration/$delivered" ||
+    fail "shared folder: $delivered is not a sound archive"
+# Written in text mode: on Windows its lines end in CR LF.
+printf 'sn 0x0\r\ndevice cvX5\r\ntype precalibration\r\nemail \r\nuser nick\r\n' |
+    cmp - "$smoke/share/processing/cvX/precalibration/$delivered.info" ||
+    fail "shared folder: unexpected $delivered.info"
+printf 'delivered %s and its .info\n' "\\\\fileserver\\measurement\\processing\\cvX\\precalibration\\$delivered"
+
 step ""
 echo "Windows full build and Wine smoke test: $((SECONDS - started)) s"
