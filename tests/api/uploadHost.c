@@ -8,6 +8,8 @@
 
 /* Progress lines go to standard output; cancel=STAGE:CALL cancels at that call of the stage. */
 static unsigned cancelStage = 0, cancelCall = 0, callsInStage = 0, lastStage = 0;
+/* namesize=N: the size the upload is told its name buffer has. */
+static size_t nameSize = 512;
 
 static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint64_t total,
                                             void* context) {
@@ -43,13 +45,15 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         dataExchangeSetProgressCallback(handle, onProgress, NULL);
     else if (strncmp(argument, "stall=", 6) == 0)
         dataExchangeSetStallTimeout(handle, number);
+    else if (strncmp(argument, "namesize=", 9) == 0)
+        nameSize = number;
     else if (strncmp(argument, "proxy=", 6) == 0)
         dataExchangeSetUseConfiguredProxy(handle, number);
 }
 
 int main(int argc, char** argv) {
     static char errors[65536];
-    char name[512] = "";
+    char name[513] = "";
     uint32_t used = 0;
     int32_t result;
     int n;
@@ -58,7 +62,7 @@ int main(int argc, char** argv) {
         return 2;
     for (n = 2; n < argc; ++n)
         setOption(handle, argv[n]);
-    result = dataExchangeUploadData(handle, argv[1], sizeof name, name, &used);
+    result = dataExchangeUploadData(handle, argv[1], nameSize, name, &used);
     if (dataExchangeGetLastErrors(handle, sizeof errors, errors) != Success || result == Success)
         errors[0] = '\0';
     printf("result=%d\nname=%s\nlocation=%u\nerrors=%s", (int)result, name, (unsigned)used, errors);

@@ -5,7 +5,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
-#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,13 +54,12 @@ void clearShareRoot() {
         QDir(root).removeRecursively();
 }
 
-Outcome upload(dataExchangeLibraryImp* handle, const QString& path, size_t nameSize) {
+Outcome upload(dataExchangeLibraryImp* handle, const QString& path) {
     Outcome outcome;
-    char name[256];
-    std::memset(name, '#', sizeof name);
-    outcome.result = dataExchangeUploadData(handle, path.toUtf8().constData(), nameSize, name,
+    char name[256] = "";
+    outcome.result = dataExchangeUploadData(handle, path.toUtf8().constData(), sizeof name, name,
                                             &outcome.location);
-    outcome.name = QString::fromUtf8(name, int(strnlen(name, nameSize)));
+    outcome.name = QString::fromUtf8(name);
     char errors[4096] = "";
     dataExchangeGetLastErrors(handle, sizeof errors, errors);
     outcome.errors = QString::fromUtf8(errors);
@@ -91,15 +89,8 @@ Outcome UploadFixture::runHost(const QString& source, const QStringList& options
     QProcess process;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("TMPDIR", tmp);
-    // Empty shared objects under the names Qt loads: SSL then counts as unavailable.
-    const QString stubs = work.filePath("stubs");
-    if (withoutSsl && !QFile::exists(stubs + "/libcrypto.so.3"))
-        QProcess::execute("sh", {"-c", "mkdir -p '" + stubs + "' && cd '" + stubs +
-                                           "' && echo 'int x;' >s.c && cc -shared -o libssl.so.3 "
-                                           "s.c && for n in libssl.so libcrypto.so libcrypto.so.3; "
-                                           "do cp libssl.so.3 $n; done"});
-    if (withoutSsl) {
-        environment.insert("LD_LIBRARY_PATH", stubs);
+    if (withoutSsl) { // empty shared objects under the names Qt loads: no SSL then
+        environment.insert("LD_LIBRARY_PATH", DX_SSL_STUBS);
         environment.insert("QT_LOGGING_RULES", "qt.network.ssl.warning=false");
     }
     process.setProcessEnvironment(environment);

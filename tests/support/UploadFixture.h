@@ -37,14 +37,14 @@ struct Outcome {
     std::vector<std::array<quint64, 3>> progress; // stage, done, total of each callback
 };
 
-Outcome upload(dataExchangeLibraryImp* handle, const QString& path, size_t nameSize = 256);
+Outcome upload(dataExchangeLibraryImp* handle, const QString& path);
 
 class UploadFixture : public testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
     // Options as name=value: dev, dt, loc, sn, user, report, progress, cancel=STAGE:CALL, stall,
-    // proxy. As user nobody when this process is root; without SSL when asked.
+    // proxy, namesize. As user nobody when this process is root; without SSL when asked.
     Outcome runHost(const QString& source, const QStringList& options, bool asNobody = false,
                     bool withoutSsl = false);
 

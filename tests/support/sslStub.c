@@ -1,0 +1,1 @@
+int dataExchangeSslStub; /* nothing: SSL_library_init and friends are missing */
