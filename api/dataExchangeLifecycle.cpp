@@ -84,6 +84,9 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetLastErrors(dataExchang
     std::string text;
     if (!handle->takeErrors(text))
         return Success;
+    // Nowhere to write: the messages go, as they do for a buffer that is too small.
+    if (buffer == nullptr && bufferSize != 0)
+        return InvalidArgument;
     return copyOut(text, bufferSize, buffer);
 }
 

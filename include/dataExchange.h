@@ -144,7 +144,8 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeClose(dataExchangeLibrary
 /* dataExchangeGetLastErrors() : hands out the messages of the last call, each followed by
  * "\n", and empties the list (also when the text does not fit).
  * @return Success (buffer untouched when there were none), BufferTooSmall (first bufferSize
- * bytes written, no terminator), InvalidArgument for a NULL handle. */
+ * bytes written, no terminator), InvalidArgument for a NULL handle, or for a NULL buffer with a
+ * non-zero size when there were messages (they are gone all the same). */
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetLastErrors(dataExchangeLibraryImp* handle,
                                                                      size_t bufferSize,
                                                                      char* buffer);

@@ -52,6 +52,7 @@ TEST(Lifecycle, TextBuffers) {
         }
     }
     EXPECT_EQ(dataExchangeGetLastErrors(nullptr, 8, nullptr), InvalidArgument);
+    EXPECT_EQ(errors(8, nullptr), InvalidArgument);
     EXPECT_EQ(dataExchangeVersion(5, nullptr), InvalidArgument);
     EXPECT_EQ(dataExchangeVersion(0, nullptr), BufferTooSmall);
     char sha[41];
