@@ -46,16 +46,40 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/dataExchange.pc.in
     ${PROJECT_BINARY_DIR}/dataExchange.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/dataExchange.pc DESTINATION ${DATAEXCHANGE_PC_DIR})
 
-# Debian package: cpack -G DEB. Its dependencies come from dpkg-shlibdeps (Qt 5, QuaZip, C++
-# run-time), its shlibs file and ldconfig trigger from CPack. Not for Windows builds.
-if(WIN32)
-    return()
-endif()
-set(CPACK_PACKAGE_NAME dataexchange)
 set(CPACK_PACKAGE_VENDOR "dataExchange developers")
 set(CPACK_PACKAGE_CONTACT "dataExchange developers <dataexchange@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
     "Uploads measurement data of optical tracking devices to the processing site")
+set(CPACK_STRIP_FILES ON)
+
+# Windows: cpack -G ZIP in the build folder gives dataExchange-<version>-win64.zip, the install
+# tree under one top folder. Windows has no package manager to bring the run-time, so bin/ also
+# holds every DLL the library and the tool load: Qt 5 Core + Network, QuaZip, zlib, OpenSSL 3
+# (Qt Network loads libssl and libcrypto) and the MinGW C++ run-time, taken from the prefix of
+# the Qt found (the one scripts/windows-deps.sh builds, already stripped), with that prefix's
+# licence texts. Windows' own DLLs (KERNEL32, WS2_32, ...) are not shipped.
+if(WIN32)
+    get_target_property(DATAEXCHANGE_QT5CORE_DLL Qt5::Core LOCATION)
+    get_filename_component(DATAEXCHANGE_RUNTIME_DIR ${DATAEXCHANGE_QT5CORE_DLL} DIRECTORY)
+    get_filename_component(DATAEXCHANGE_RUNTIME_PREFIX ${DATAEXCHANGE_RUNTIME_DIR} DIRECTORY)
+    install(FILES $<TARGET_FILE:Qt5::Core> $<TARGET_FILE:Qt5::Network>
+        $<TARGET_FILE:QuaZip::QuaZip> ${DATAEXCHANGE_RUNTIME_DIR}/zlib1.dll
+        ${DATAEXCHANGE_RUNTIME_DIR}/libssl-3-x64.dll ${DATAEXCHANGE_RUNTIME_DIR}/libcrypto-3-x64.dll
+        ${DATAEXCHANGE_RUNTIME_DIR}/libstdc++-6.dll ${DATAEXCHANGE_RUNTIME_DIR}/libgcc_s_seh-1.dll
+        ${DATAEXCHANGE_RUNTIME_DIR}/libwinpthread-1.dll
+        DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES ${PROJECT_SOURCE_DIR}/docs/api.md DESTINATION docs)
+    install(DIRECTORY ${DATAEXCHANGE_RUNTIME_PREFIX}/licenses/ DESTINATION licenses)
+    set(CPACK_PACKAGE_NAME dataExchange)
+    set(CPACK_PACKAGE_FILE_NAME dataExchange-${PROJECT_VERSION}-win64)
+    set(CPACK_GENERATOR ZIP)
+    include(CPack)
+    return()
+endif()
+
+# Debian package: cpack -G DEB. Its dependencies come from dpkg-shlibdeps (Qt 5, QuaZip, C++
+# run-time), its shlibs file and ldconfig trigger from CPack.
+set(CPACK_PACKAGE_NAME dataexchange)
 set(CPACK_PACKAGE_DESCRIPTION
     "A shared library with a plain C interface (libdataExchange.so.2, dataExchange.h) that packs\
  a file or folder and delivers it to a shared folder or to the processing server over HTTP(S);\
@@ -63,7 +87,6 @@ set(CPACK_PACKAGE_DESCRIPTION
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")

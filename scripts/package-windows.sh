@@ -1,0 +1,118 @@
+#!/usr/bin/env bash
+# Makes dataExchange-<version>-win64.zip (cpack -G ZIP in the Windows build folder of
+# build-windows.sh; what goes in is decided by the install rules alone) and tests it far from the
+# build: unpacked into a fresh folder under /tmp and run in a fresh Wine prefix without WINEPATH,
+# so every DLL must come from the zip's bin/ or from Windows itself. The tool runs from there, and
+# a C host is compiled against the zip's include/ and lib/dataExchange.lib only and run beside it.
+# Usage: scripts/package-windows.sh [BUILD]  (default: $DATAEXCHANGE_WINDOWS_FULL_BUILD or
+# build-windows-full). Each step prints its duration.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=${1:-${DATAEXCHANGE_WINDOWS_FULL_BUILD:-$root/build-windows-full}}
+
+# shellcheck source=scripts/steps.sh
+source "$root/scripts/steps.sh"
+
+
+step "zip"
+[ -f "$build/CPackConfig.cmake" ] || fail "no Windows build in '$build' (run build-windows.sh)"
+rm -f "$build"/dataExchange-*-win64.zip
+log=$( (cd "$build" && cpack -G ZIP) 2>&1) || fail "cpack: $log"
+zips=("$build"/dataExchange-*-win64.zip)
+zip=${zips[0]}
+[ -f "$zip" ] || fail "cpack made no dataExchange-*-win64.zip:
+$log"
+unzip -l "$zip" | sed 's/^/  /'
+echo "$(basename "$zip"): $(stat -c %s "$zip") bytes, $(unzip -Z1 "$zip" | grep -vc '/$') files"
+
+step "unpack into a fresh folder"
+work=$(mktemp -d /tmp/dataExchange-win64.XXXXXX)
+export WINEPREFIX="$work/wineprefix" WINEDEBUG=-all,err+module WINEDLLOVERRIDES="mscoree,mshtml="
+# Nothing from the build folder or the dependency prefix: no WINEPATH.
+unset WINEPATH
+cleanup() {
+    [ ! -d "$WINEPREFIX" ] || wineserver -k || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+unzip -q "$zip" -d "$work"
+package="$work/$(basename "$zip" .zip)"
+for file in bin/dataExchange.dll bin/dataexchange-upload.exe include/dataExchange.h \
+    include/dataExchangeExt.h lib/dataExchange.lib lib/libdataExchange.dll.a lib/dataExchange.def \
+    docs/api.md licenses/qtbase licenses/openssl licenses/quazip licenses/zlib \
+    licenses/gcc-runtime licenses/winpthreads; do
+    [ -e "$package/$file" ] || fail "the zip holds no $file"
+done
+echo "unpacked into $package"
+
+step "imports of bin/"
+# Every DLL that a program or DLL in bin/ imports is in bin/ or is one of Windows' own, and every
+# DLL in bin/ is imported. Checked here, not only under Wine: Debian's Wine has a zlib1.dll of its
+# own, Windows has not.
+windows_dlls=" advapi32 crypt32 dnsapi iphlpapi kernel32 mpr msvcrt netapi32 ole32 shell32 "
+windows_dlls+="user32 userenv version winmm ws2_32 "
+shipped=$(cd "$package/bin" && printf '%s\n' *.dll *.exe | tr '[:upper:]' '[:lower:]')
+imported=$(for file in "$package"/bin/*.dll "$package"/bin/*.exe; do
+    x86_64-w64-mingw32-objdump -p "$file" | sed -n 's/^\s*DLL Name: //p'
+done | tr '[:upper:]' '[:lower:]' | sort -u)
+from_windows=""
+for dll in $imported; do
+    grep -qxF "$dll" <<<"$shipped" && continue
+    [[ $windows_dlls == *" ${dll%.dll} "* ]] ||
+        fail "$dll is imported, but neither in bin/ nor one of Windows' own DLLs"
+    from_windows+=" $dll"
+done
+while IFS= read -r dll; do
+    grep -qxF "$dll" <<<"$imported" || fail "bin/$dll is imported by nothing in bin/"
+done < <(grep '\.dll$' <<<"$shipped")
+echo "every DLL in bin/ is imported; from Windows:$from_windows"
+
+step "C host compiled against the zip"
+# The MSVC-style import library, as a Windows customer's host links it.
+x86_64-w64-mingw32-gcc-posix -std=c99 -Wall -Wextra -pedantic-errors -Werror \
+    -I"$package/include" "$root/tools/exampleHost.c" "$package/lib/dataExchange.lib" \
+    -o "$package/bin/exampleHost.exe"
+
+step "fresh Wine prefix"
+mkdir -p "$WINEPREFIX"
+wineserver -p
+wine wineboot -i </dev/null >/dev/null 2>&1
+
+# run NAME PROGRAM ARGS...: runs PROGRAM of the unpacked bin/ from the unpacked folder; fails on
+# a non-zero status, on a DLL Wine did not find, or on a DLL loaded from outside the unpacked bin/
+# and Windows' own folder. Sets output.
+bin_windows="Z:${package//\//\\}\\bin\\"
+run() {
+    local name=$1 program=$2 status=0 loaded
+    shift 2
+    output=$(cd "$work" && WINEDEBUG=-all,err+module,+loaddll \
+        wine "$package/bin/$program" "$@" </dev/null 2>"$work/loader.log") || status=$?
+    ! grep -i 'not found' "$work/loader.log" || fail "$name: a DLL was not found"
+    ((status == 0)) || fail "$name: status $status: $(cat "$work/loader.log")"
+    # +loaddll: 'Loaded L"Z:\\tmp\\...\\bin\\Qt5Core.dll" at ...: native'; the path is escaped.
+    loaded=$(sed -n 's/.*:loaddll:.* Loaded L"\(.*\)" at .*/\1/p' "$work/loader.log" |
+        sed 's/\\\\/\\/g' | sort -u)
+    [ -n "$loaded" ] || fail "$name: no +loaddll lines"
+    while IFS= read -r dll; do
+        case "${dll,,}" in
+        "${bin_windows,,}"* | "c:\\windows\\system32\\"*) ;;
+        *) fail "$name: $dll loaded from outside the package and Windows" ;;
+        esac
+    done <<<"$loaded"
+    echo "$name: $(grep -c "^${bin_windows//\\/\\\\}" <<<"$loaded") DLLs and programs from the" \
+        "package's bin/, $(grep -ci '^c:.windows.' <<<"$loaded") from Windows"
+}
+options=("^ *Data type " "^ *Device type " "^ *Email address " "^ *Location " "^ *Report "
+    "^ *Serial number " "^ *User ")
+
+step "run from the unpacked zip"
+run "dataexchange-upload.exe --version" dataexchange-upload.exe --version
+echo "${output//$'\r'/}"
+check "--version" "$output" "v2\.[0-9]+\.[0-9]+ .*Windows" "^revision [0-9a-f]{40}$"
+run "dataexchange-upload.exe --list-options" dataexchange-upload.exe --list-options
+check "--list-options" "$output" "${options[@]}"
+run exampleHost.exe exampleHost.exe
+echo "${output//$'\r'/}"
+check exampleHost.exe "$output" "^dataExchange v2\.[0-9]+\.[0-9]+ .*Windows" "${options[@]}"
+
+step ""
