@@ -2,27 +2,17 @@
 # Builds the whole library for 64-bit Windows (MinGW-w64 against the prefix of windows-deps.sh:
 # dataExchange.dll, its import libraries and .def, exampleHost.exe, dataexchange-upload.exe) and
 # smoke-tests it under Wine, in a fresh Wine prefix inside the build folder: the exports, both
-# programs, and one upload of a small folder to the local processing site.
+# programs, one upload of a small folder to the local processing site and one delivery to the
+# shared folder. Then package-windows.sh makes dataExchange-<version>-win64.zip and tests it
+# unpacked under /tmp, in a Wine prefix of its own.
 # DATAEXCHANGE_WINDOWS_FULL_BUILD chooses the build folder. Each step prints its duration.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=${DATAEXCHANGE_WINDOWS_FULL_BUILD:-$root/build-windows-full}
 started=$SECONDS
-step_started=$SECONDS
 
-step() {  # step NAME: ends the previous step (printing its duration) and starts the next
-    if [ -n "${step_name:-}" ]; then
-        echo "    $step_name: $((SECONDS - step_started)) s"
-    fi
-    step_name=$1
-    step_started=$SECONDS
-    [ -z "$step_name" ] || echo "==> $step_name"
-}
-
-fail() {
-    echo "FAILED: $*" >&2
-    exit 1
-}
+# shellcheck source=scripts/steps.sh
+source "$root/scripts/steps.sh"
 
 step "packages"
 "$root/scripts/deps.sh" g++-mingw-w64-x86-64-posix wine wine64 llvm-14
@@ -34,12 +24,12 @@ echo "prefix: $prefix"
 
 step "configure"
 cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$prefix/toolchain-mingw-w64.cmake" \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF >/dev/null
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON >/dev/null
 
 step "build"
 cmake --build "$build" -j"$(nproc)"
 for file in dataExchange.dll libdataExchange.dll.a dataExchange.def dataExchange.lib \
-    exampleHost.exe dataexchange-upload.exe; do
+    exampleHost.exe dataexchange-upload.exe uploadHost.exe; do
     [ -f "$build/$file" ] || fail "the build made no $file"
 done
 
@@ -78,16 +68,6 @@ trap cleanup EXIT
 wineserver -p
 wine wineboot -i </dev/null >/dev/null 2>&1
 
-# check NAME OUTPUT PATTERN...: every pattern (grep -E) must occur in OUTPUT, whose lines end
-# in CR LF (standard output of a Windows program is in text mode).
-check() {
-    local name=$1 output=${2//$'\r'/}
-    shift 2
-    for pattern in "$@"; do
-        grep -qE -- "$pattern" <<<"$output" || fail "$name: no line matching '$pattern' in:
-$output"
-    done
-}
 options=("^ *Data type " "^ *Device type " "^ *Email address " "^ *Location " "^ *Report "
     "^ *Serial number " "^ *User ")
 
@@ -136,7 +116,8 @@ grep -v ':debugstr:' "$smoke/upload-stderr.log" || true
 echo "upload: status $status after $((SECONDS - upload_started)) s; the library's debug log:"
 sed -e 's/:[0-9a-f]*:warn:debugstr:OutputDebugStringA / /' "$smoke/upload-debug.log"
 ((status == 0)) || fail "upload: status $status"
-check upload "$output" "^Delivered as: precalibration_cal7\.zip$" "^Destination: server$"
+check upload "$output" "^Progress: packing 0/200042$" "^Progress: upload [0-9]+/[0-9]+$" \
+    "^Progress: job request 1/1$" "^Delivered as: precalibration_cal7\.zip$" "^Destination: server$"
 stored="$smoke/site/storage/precalibration_cal7.zip"
 [ -f "$stored" ] || fail "upload: the site stored no $stored"
 python3 - "$stored" <<'EOF' || fail "upload: the stored archive is not the folder"
@@ -171,6 +152,119 @@ printf 'sn 0x0\r\ndevice cvX5\r\ntype precalibration\r\nemail \r\nuser nick\r\n'
     cmp - "$smoke/share/processing/cvX/precalibration/$delivered.info" ||
     fail "shared folder: unexpected $delivered.info"
 printf 'delivered %s and its .info\n' "\\\\fileserver\\measurement\\processing\\cvX\\precalibration\\$delivered"
+
+step "C-ABI tests under Wine"
+(cd "$build" && ctest --output-on-failure --timeout 300)
+
+step "uploads through the C ABI (uploadHost.exe)"
+# The test suite's upload host, in a folder of its own with the DLL, run as on Linux: it prints
+# result=, name=, location= and errors=. Sites over HTTP and HTTPS; the test CA is trusted the
+# way a Windows administrator would, in the machine's ROOT store.
+abi="$smoke/abi"
+mkdir -p "$abi/app" "$abi/other/bin" "$abi/data/cal7" "$abi/certs"
+cp "$build/uploadHost.exe" "$build/dataExchange.dll" "$abi/app/"
+cp "$build/uploadHost.exe" "$build/dataExchange.dll" "$abi/other/bin/"
+printf '1;2\n' >"$abi/data/cal7/a.csv"
+printf '3;4\n' >"$abi/data/cal7/b.csv"
+"$root/tests/support/make-test-ca.sh" "$abi/certs"
+openssl x509 -in "$abi/certs/ca.pem" -outform der -out "$abi/certs/ca.der"
+cat >"$abi/trust.c" <<'EOF'
+#include <windows.h>
+#include <wincrypt.h>
+#include <stdio.h>
+int main(int argc, char** argv) { /* trust.exe CERT.der: adds it to the ROOT store */
+    static BYTE der[65536];
+    FILE* file = argc == 2 ? fopen(argv[1], "rb") : NULL;
+    const DWORD size = file ? (DWORD)fread(der, 1, sizeof der, file) : 0;
+    return !(size && CertAddEncodedCertificateToSystemStoreA("ROOT", der, size));
+}
+EOF
+x86_64-w64-mingw32-gcc-posix -Wall -Wextra -Werror "$abi/trust.c" -lcrypt32 -o "$abi/trust.exe"
+wine "$abi/trust.exe" "Z:${abi//\//\\}\\certs\\ca.der" </dev/null || fail "the test CA was not trusted"
+start_site() {  # start_site NAME [SWITCH...]: a processing site in $abi/NAME; its port in NAME.port
+    local name=$1
+    shift
+    mkdir -p "$abi/$name"
+    python3 "$root/tools/processing-site/processing_site.py" --root "$abi/$name" --quiet "$@" \
+        </dev/null >"$abi/$name.port" &
+    site_pids+=($!)
+    for _ in $(seq 100); do [ -s "$abi/$name.port" ] && break; sleep 0.1; done
+    [ -s "$abi/$name.port" ] || fail "the site $name did not start"
+}
+site_pids=()
+trap 'kill "${site_pids[@]}" 2>/dev/null || true; cleanup' EXIT
+start_site http
+start_site https --cert "$abi/certs/server.pem" --key "$abi/certs/server.key"
+config() {  # config FOLDER PROTOCOL SITE: a config.xml for that site in FOLDER
+    printf '<Configuration><Server><Name>127.0.0.1:%s</Name><Protocol>%s</Protocol><Port>9</Port><Timeout>30</Timeout></Server></Configuration>\n' \
+        "$(head -n1 "$abi/$3.port")" "$2" >"$1/config.xml"
+}
+# host FOLDER SOURCE OPTION...: runs the host of FOLDER on data/SOURCE; its output in $output,
+# the library's debug lines (what a debugger is shown) in $debug. No temporary folder may outlive it.
+host() {
+    local folder=$1 source=$2 log="$abi/debug.log"
+    shift 2
+    output=$(cd "$abi/$folder" && WINEDEBUG=-all,err+module,+debugstr \
+        timeout 300 wine uploadHost.exe "Z:${abi//\//\\}\\data\\$source" dev=0 dt=0 "$@" \
+        </dev/null 2>"$log") || fail "uploadHost.exe on $source: status $?"
+    output=${output//$'\r'/}
+    debug=$(sed -n 's/^.*:debugstr:OutputDebugStringA "\(.*\)\\n"$/\1/p' "$log")
+    # Wine takes TMP from the prefix's registry: C:\users\<user>\Temp.
+    leftovers=$(find "$WINEPREFIX"/drive_c/users/*/Temp -maxdepth 1 -name 'tmp*.tmp')
+    [ -z "$leftovers" ] || fail "temporary folders outlived the host: $leftovers"
+}
+config "$abi/app" http http
+host app cal7 loc=2 sn=7
+check "folder over HTTP" "$output" "^result=0$" "^name=precalibration_cal7\.zip$" "^location=2$"
+unzip -tqq "$abi/http/storage/precalibration_cal7.zip" || fail "folder over HTTP: a broken archive"
+check "debug lines" "$debug" "^Adding file a\.csv$" "^Found config file Z:.*app.config\.xml$"
+host app cal7/a.csv loc=2
+check "file over HTTP" "$output" "^result=0$" "^name=precalibration_a\.csv$"
+cmp "$abi/data/cal7/a.csv" "$abi/http/storage/precalibration_a.csv" || fail "file over HTTP differs"
+config "$abi/app" https https
+host app cal7 loc=2
+check "folder over HTTPS" "$output" "^result=0$" "^name=precalibration_cal7\.zip$"
+host app cal7/b.csv loc=2
+check "file over HTTPS" "$output" "^result=0$" "^name=precalibration_b\.csv$"
+cmp "$abi/data/cal7/b.csv" "$abi/https/storage/precalibration_b.csv" || fail "file over HTTPS differs"
+# other\bin has no config.xml: the library looks in ..\data, that is other\data.
+mkdir -p "$abi/other/data"
+config "$abi/other/data" http http
+host other/bin cal7 loc=2
+check "config.xml in ..\\data" "$output" "^result=0$" "^location=2$"
+check "config.xml in ..\\data" "$debug" "^Found config file Z:.*/other/data/config\.xml$"
+echo "HTTP and HTTPS, folder and file, config.xml beside the .exe and in ..\\data: delivered"
+# A host's argv is in the ANSI code page (Wine: 1252, "Ø" is 0xD8). The library checks the path
+# with the narrow file functions, which take it so, and then reads it as UTF-8 for packing, which
+# that byte is not: such a path passes the check and fails in packing, with nothing delivered.
+mkdir -p "$abi/data/Kalibrierung_Ø5"
+printf '5;6\n' >"$abi/data/Kalibrierung_Ø5/c.csv"
+config "$abi/app" http http
+host app Kalibrierung_Ø5 loc=2
+check "non-ASCII folder" "$output" "^result=40$" "^errors=Unknown error handling data$"
+[ ! -e "$abi/http/storage/precalibration_Kalibrierung_Ø5.zip" ] || fail "non-ASCII folder: delivered"
+echo "non-ASCII folder name in code page 1252: result 40, nothing delivered"
+
+step "dataexchange-upload.exe: exit statuses"
+status=0
+output=$(cd "$build" && wine dataexchange-upload.exe --serial 12ab x </dev/null 2>&1) || status=$?
+check "usage error" "$output" "^dataexchange-upload: --serial: '12ab' is not a number"
+((status == 2)) || fail "usage error: status $status, not 2"
+status=0
+output=$(cd "$build" && wine dataexchange-upload.exe --device-type 0 --data-type 0 \
+    "Z:${abi//\//\\}\\data\\missing" </dev/null 2>&1) || status=$?
+check "missing folder" "$output" "File or folder Z:.*missing does not exist"
+((status == 4)) || fail "missing folder: status $status, not 4"
+status=0
+output=$(cd "$build" && wine dataexchange-upload.exe --device-type 0 --data-type 0 \
+    "Z:${abi//\//\\}\\data\\Kalibrierung_Ø5" </dev/null 2>&1) || status=$?
+((status == 9)) || fail "non-ASCII folder: status $status, not 9"
+echo "exit statuses 0 (above), 2, 4 and 9 as on Linux"
+
+step "win64 zip"
+# Its own fresh Wine prefix and no WINEPATH: this one's services are no longer needed.
+wineserver -k || true
+"$root/scripts/package-windows.sh" "$build" | sed 's/^/  /'
 
 step ""
 echo "Windows full build and Wine smoke test: $((SECONDS - started)) s"
