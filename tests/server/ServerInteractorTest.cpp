@@ -12,7 +12,7 @@ using measurement::dataExchange::ServerInteractor;
 
 namespace {
 
-// Requests wait on an event loop, which needs an application object; the shared main makes none.
+// Requests wait on an event loop, which needs an application object; GoogleTest's main makes none.
 int argc = 1;
 char name[] = "serverTest";
 char* argv[] = {name, nullptr};

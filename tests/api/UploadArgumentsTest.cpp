@@ -1,0 +1,43 @@
+// Bad arguments of the upload export and of the extension exports: the exact result and message,
+// before anything is packed. It needs no folder of its own, so it runs under Wine as well.
+#include "dataExchangeExt.h"
+
+#include <gtest/gtest.h>
+
+TEST(UploadArguments, RefusedWithResultAndMessage) {
+    EXPECT_EQ(dataExchangeSetProgressCallback(nullptr, nullptr, nullptr), InvalidArgument);
+    EXPECT_EQ(dataExchangeSetStallTimeout(nullptr, 1), InvalidArgument);
+    EXPECT_EQ(dataExchangeSetRemovePackage(nullptr, 1), InvalidArgument);
+    EXPECT_EQ(dataExchangeSetUseConfiguredProxy(nullptr, 1), InvalidArgument);
+    char buffer[8];
+    uint32_t used = 0;
+    EXPECT_EQ(dataExchangeUploadData(nullptr, "x", 8, buffer, &used), InvalidArgument);
+    const char* const folder = DX_SOURCE_DIR "/tests/data"; // any folder that exists
+    struct Case {
+        int32_t dataType, device; // -1: left unset
+        const char* path;
+        size_t size;
+        char* buffer;
+        int32_t result;
+        const char* errors;
+    } cases[] = {
+        {0, 0, "", 0, buffer, 1, "Empty file or folder name provided\n"},
+        {0, 0, nullptr, 8, buffer, 1, "Empty file or folder name provided\n"},
+        {0, 0, "C:/nothing", 0, buffer, 1, "Empty writtenFileName string provided\n"},
+        {0, 0, "C:/nothing", 0, nullptr, 10, "File or folder C:/nothing does not exist\n"},
+        {-1, 0, folder, 8, buffer, 30, "Unhandled value for 'Data type'\n\n"},
+        {0, -1, folder, 8, buffer, 30, "Unhandled value for 'Device type'\n\n"},
+    };
+    for (const Case& c : cases) {
+        dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
+        if (c.dataType >= 0)
+            dataExchangeSetInt32Option(handle, "Data type", c.dataType);
+        if (c.device >= 0)
+            dataExchangeSetInt32Option(handle, "Device type", c.device);
+        EXPECT_EQ(dataExchangeUploadData(handle, c.path, c.size, c.buffer, &used), c.result);
+        char errors[256] = "";
+        dataExchangeGetLastErrors(handle, sizeof errors, errors);
+        EXPECT_STREQ(errors, c.errors);
+        dataExchangeClose(&handle);
+    }
+}
