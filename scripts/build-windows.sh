@@ -234,6 +234,52 @@ host other/bin cal7 loc=2
 check "config.xml in ..\\data" "$output" "^result=0$" "^location=2$"
 check "config.xml in ..\\data" "$debug" "^Found config file Z:.*/other/data/config\.xml$"
 echo "HTTP and HTTPS, folder and file, config.xml beside the .exe and in ..\\data: delivered"
+# A host that loads the DLL itself: after an upload, FreeLibrary removes the package's temporary
+# folder while the host still runs.
+cat >"$abi/unload.c" <<'EOF'
+#include <windows.h>
+#include <stdio.h>
+typedef void* (*Init)(void*, size_t, char*);
+typedef int (*SetInt)(void*, const char*, int);
+typedef int (*Upload)(void*, const char*, size_t, char*, unsigned*);
+typedef int (*Close)(void**);
+/* Through void (*)(void), the generic function pointer type, as GCC wants it. */
+#define EXPORT(type, name) ((type)(void (*)(void))GetProcAddress(dll, name))
+static int temporaryFolders(void) { /* tmp*.tmp in %TEMP% */
+    char pattern[MAX_PATH];
+    WIN32_FIND_DATAA found;
+    int count = 0;
+    lstrcpyA(pattern + GetTempPathA(MAX_PATH - 12, pattern), "tmp*.tmp");
+    HANDLE search = FindFirstFileA(pattern, &found);
+    while (search != INVALID_HANDLE_VALUE && ++count && FindNextFileA(search, &found)) {
+    }
+    if (search != INVALID_HANDLE_VALUE)
+        FindClose(search);
+    return count;
+}
+int main(int argc, char** argv) { /* unload.exe FOLDER */
+    HMODULE dll = LoadLibraryA("dataExchange.dll");
+    void* handle = dll ? EXPORT(Init, "dataExchangeInit")(NULL, 0, NULL) : NULL;
+    char name[260];
+    unsigned used = 0;
+    if (handle == NULL || argc != 2)
+        return 2;
+    EXPORT(SetInt, "dataExchangeSetInt32Option")(handle, "Device type", 0);
+    EXPORT(SetInt, "dataExchangeSetInt32Option")(handle, "Data type", 0);
+    printf("result=%d\n",
+           EXPORT(Upload, "dataExchangeUploadData")(handle, argv[1], sizeof name, name, &used));
+    EXPORT(Close, "dataExchangeClose")(&handle);
+    printf("loaded=%d\n", temporaryFolders());
+    printf("freed=%d", FreeLibrary(dll));
+    printf(" unloaded=%d\n", temporaryFolders());
+    return 0;
+}
+EOF
+x86_64-w64-mingw32-gcc-posix -Wall -Wextra -Werror "$abi/unload.c" -o "$abi/app/unload.exe"
+output=$(cd "$abi/app" && wine unload.exe "Z:${abi//\//\\}\\data\\cal7" </dev/null 2>/dev/null) ||
+    fail "unload.exe: status $?"
+check "FreeLibrary" "$output" "^result=0$" "^loaded=1$" "^freed=1 unloaded=0$"
+echo "the package's temporary folder: there after dataExchangeClose, gone after FreeLibrary"
 # A host's argv is in the ANSI code page (Wine: 1252, "Ø" is 0xD8). The library checks the path
 # with the narrow file functions, which take it so, and then reads it as UTF-8 for packing, which
 # that byte is not: such a path passes the check and fails in packing, with nothing delivered.

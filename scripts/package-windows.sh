@@ -13,7 +13,6 @@ build=${1:-${DATAEXCHANGE_WINDOWS_FULL_BUILD:-$root/build-windows-full}}
 # shellcheck source=scripts/steps.sh
 source "$root/scripts/steps.sh"
 
-
 step "zip"
 [ -f "$build/CPackConfig.cmake" ] || fail "no Windows build in '$build' (run build-windows.sh)"
 rm -f "$build"/dataExchange-*-win64.zip
