@@ -2,7 +2,8 @@
 # Installs what building and testing need on a fresh Debian 12 machine, only when missing.
 set -euo pipefail
 packages=(cmake g++ make pkg-config git python3 libgtest-dev qtbase5-dev libquazip1-qt5-dev
-          zlib1g-dev libbz2-dev openssl zip unzip curl binutils util-linux dpkg-dev file tinyproxy "$@")
+          zlib1g-dev libbz2-dev openssl zip unzip curl binutils util-linux dpkg-dev file tinyproxy
+          apache2 libapache2-mod-php "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
