@@ -1,6 +1,9 @@
 // The opt-in extension exports: each stores one setting of the handle.
 #include "api/dataExchangeLibraryImp.h"
 
+#include <cstring>
+#include <string>
+
 namespace {
 
 template <typename Apply> int32_t setExtension(dataExchangeLibraryImp* handle, Apply apply) {
@@ -38,6 +41,28 @@ dataExchangeSetRemovePackage(dataExchangeLibraryImp* handle, uint32_t enable) {
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
 dataExchangeSetUseConfiguredProxy(dataExchangeLibraryImp* handle, uint32_t enable) {
     return setExtension(handle, [&](Extensions& e) { e.useConfiguredProxy = enable != 0; });
+}
+
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetVerifiedDelivery(dataExchangeLibraryImp* handle, uint32_t enable) {
+    // A flag with room for more modes later: only 0 and 1 mean something today.
+    if (handle != nullptr && enable > 1) {
+        handle->clearErrors();
+        handle->appendError("Verified delivery is 0 (off) or 1 (on), not " +
+                            std::to_string(enable));
+        return InvalidArgument;
+    }
+    return setExtension(handle, [&](Extensions& e) { e.verifiedDelivery = enable == 1; });
+}
+
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetStoredName(dataExchangeLibraryImp* handle,
+                                                                     size_t bufferSize,
+                                                                     char* buffer) {
+    if (handle == nullptr || (buffer == nullptr && bufferSize != 0))
+        return InvalidArgument;
+    if (bufferSize != 0)
+        std::strncpy(buffer, handle->storedName.c_str(), bufferSize);
+    return handle->storedName.size() < bufferSize ? Success : BufferTooSmall;
 }
 
 } // extern "C"

@@ -81,6 +81,9 @@ struct dataExchangeLibraryImp {
         uint32_t stallTimeoutSeconds = 0;
         bool removePackage = false;
         bool useConfiguredProxy = false;
+        bool verifiedDelivery = false;
     };
     Extensions extensions;
+    // The server's answer to the last upload: the name it stored the item under.
+    std::string storedName;
 };

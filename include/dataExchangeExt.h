@@ -67,6 +67,28 @@ dataExchangeSetRemovePackage(dataExchangeLibraryImp* handle, uint32_t enable);
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
 dataExchangeSetUseConfiguredProxy(dataExchangeLibraryImp* handle, uint32_t enable);
 
+/* dataExchangeSetVerifiedDelivery() : 0 (the default) reports an upload as the requests report
+ * it. 1: nothing counts as delivered that the server did not name as stored. An empty or blank
+ * upload answer fails the upload (DataHandlingFailed) with its likely cause and no job request;
+ * the answer is passed on without surrounding white space; the job form is encoded so that a
+ * form decoder (PHP) gets every value back byte for byte; a failed request adds its causes
+ * (HTTP status and reason, TLS errors, refused, not found, timed out), one a line; an empty
+ * folder or one with an unreadable file is refused before anything is packed, and a failed
+ * upload says where the packed item stays.
+ * @return Success; InvalidArgument for a NULL handle, or for a value other than 0 and 1 with
+ * the message "Verified delivery is 0 (off) or 1 (on), not <value>". */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetVerifiedDelivery(dataExchangeLibraryImp* handle, uint32_t enable);
+
+/* dataExchangeGetStoredName() : the name the server answered for the last upload of this handle,
+ * under which it stored the item (a server that keeps every upload may answer "cal7-1.zip" for
+ * "cal7.zip"); "" when the last upload got no answer. Copied as dataExchangeGetLastErrors copies:
+ * @return Success, BufferTooSmall (first bufferSize bytes, no terminator), InvalidArgument for a
+ * NULL handle or a NULL buffer with a non-zero size. */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetStoredName(dataExchangeLibraryImp* handle,
+                                                                     size_t bufferSize,
+                                                                     char* buffer);
+
 #ifdef __cplusplus
 }
 #endif

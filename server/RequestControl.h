@@ -13,6 +13,9 @@ struct RequestControl {
     std::function<bool(quint64 done, quint64 total)> progress;
     // Abort a request during which no bytes moved for this long; 0 waits forever.
     uint32_t stallTimeoutSeconds = 0;
+    // Verified delivery: a failed request names its causes, an upload answer that names nothing
+    // is a failure, and the job form is encoded so that PHP decodes every value as it was.
+    bool verified = false;
 };
 
 } // namespace measurement::dataExchange

@@ -12,6 +12,8 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QSslCertificate>
+#include <QSslError>
 #include <QSslSocket>
 #include <QTimer>
 #include <QUrl>
@@ -196,7 +198,17 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
         return false;
     answer = QString::fromUtf8(reply->readAll());
     debugPrint("Received answer %s", answer.toStdString().c_str());
-    return true;
+    if (!control.verified)
+        return true;
+    answer = answer.trimmed();
+    if (!answer.isEmpty())
+        return true;
+    lastErrorMessage =
+        "The server stored nothing: " + reply->url().toString().toStdString() + " answered " +
+        reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toString().toStdString() +
+        " with an empty body. The package of " + std::to_string(QFileInfo(filePath).size()) +
+        " bytes may be over the server's upload limit (PHP: post_max_size, upload_max_filesize)";
+    return false;
 }
 
 bool ServerInteractor::pushJob(const QString& serverFileName) {
@@ -212,7 +224,17 @@ bool ServerInteractor::pushJob(const QString& serverFileName) {
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QByteArrayLiteral("application/x-www-form-urlencoded"));
     _prepare(request, manager);
-    QNetworkReply* reply = manager.post(request, query.toString(QUrl::FullyEncoded).toUtf8());
+    QByteArray body = query.toString(QUrl::FullyEncoded).toUtf8();
+    // QUrlQuery leaves "+" as it is, which a form decoder reads as a space, and takes "%20" in a
+    // value as already encoded: verified delivery encodes every byte but the unreserved ones.
+    if (control.verified) {
+        body.clear();
+        for (auto it = formFields.cbegin(); it != formFields.cend(); ++it)
+            body +=
+                QUrl::toPercentEncoding(it.key()) + '=' + QUrl::toPercentEncoding(it.value()) + '&';
+        body += "file=" + QUrl::toPercentEncoding(serverFileName);
+    }
+    QNetworkReply* reply = manager.post(request, body);
     currentReply = reply;
     _waitFor(reply);
     return !_replyFailed(reply);
@@ -243,8 +265,17 @@ void ServerInteractor::_waitFor(QNetworkReply* reply) {
                "a request waits on a QEventLoop, which needs a QCoreApplication");
     cancelled = false;
     stallAborted = false;
+    tlsErrors.clear();
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    if (control.verified)
+        connect(reply, &QNetworkReply::sslErrors, &loop, [this](const QList<QSslError>& errors) {
+            for (const QSslError& e : errors)
+                tlsErrors.push_back("TLS: " + e.errorString().toStdString() + " (certificate '" +
+                                    e.certificate().subjectDisplayName().toStdString() +
+                                    "', issued by '" +
+                                    e.certificate().issuerDisplayName().toStdString() + "')");
+        });
     QTimer ticks;
     quint64 sent = 0;
     quint64 size = 0;
@@ -306,9 +337,36 @@ bool ServerInteractor::_replyFailed(const QNetworkReply* reply) {
         lastErrorMessage = "No data moved for " + std::to_string(control.stallTimeoutSeconds) +
                            " seconds; request to '" + reply->url().toString().toStdString() +
                            "' aborted";
+    else if (control.verified)
+        lastErrorMessage = _failureCause(reply);
     else
         lastErrorMessage = reply->errorString().toStdString();
     return true;
+}
+
+// The causes of a failed request in the order they happened, one a line.
+std::string ServerInteractor::_failureCause(const QNetworkReply* reply) const {
+    std::string causes;
+    for (const std::string& error : tlsErrors)
+        causes += error + "\n";
+    const QString url = reply->url().toString();
+    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    if (status.isValid())
+        return causes + url.toStdString() + " answered " + status.toString().toStdString() + " " +
+               reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute)
+                   .toString()
+                   .toStdString();
+    const std::string host = reply->url().authority().toStdString();
+    switch (reply->error()) {
+    case QNetworkReply::ConnectionRefusedError:
+        return causes + "Connection to " + host + " refused";
+    case QNetworkReply::HostNotFoundError:
+        return causes + "Host " + host + " not found";
+    case QNetworkReply::TimeoutError:
+        return causes + "Connection to " + host + " timed out";
+    default:
+        return causes + reply->errorString().toStdString() + " (" + url.toStdString() + ")";
+    }
 }
 
 } // namespace measurement::dataExchange

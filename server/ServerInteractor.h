@@ -11,6 +11,7 @@
 #include <QObject>
 #include <QString>
 #include <string>
+#include <vector>
 
 class QNetworkAccessManager;
 class QNetworkReply;
@@ -66,6 +67,7 @@ private:
     void _prepare(QNetworkRequest& request, QNetworkAccessManager& manager) const;
     void _waitFor(QNetworkReply* reply);
     bool _replyFailed(const QNetworkReply* reply);
+    std::string _failureCause(const QNetworkReply* reply) const;
 
     ServerSettings server;
     ProxySettings proxy;
@@ -78,6 +80,7 @@ private:
     bool proxyConfigured = false;
     bool cancelled = false;
     bool stallAborted = false;
+    std::vector<std::string> tlsErrors; // of the running request, in verified delivery
 };
 
 } // namespace measurement::dataExchange

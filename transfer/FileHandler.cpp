@@ -93,6 +93,27 @@ bool FileHandler::configure(dataExchangeLibraryImp* handle) {
     return true;
 }
 
+// Plain packing sends an empty folder as an empty archive and leaves out files it cannot read;
+// verified delivery refuses both before anything is packed.
+bool FileHandler::_verifySource(const QString& source) {
+    const QFileInfo info(source);
+    const QFileInfoList files =
+        info.isDir() ? QDir(source).entryInfoList(QDir::Files | QDir::Hidden | QDir::System)
+                     : QFileInfoList{info};
+    if (files.isEmpty()) {
+        error = "Folder " + quoted(source) + " holds no files: nothing was sent";
+        return false;
+    }
+    for (const QFileInfo& file : files) {
+        QFile readable(file.filePath());
+        if (!readable.open(QIODevice::ReadOnly)) {
+            error = "File " + quoted(file.filePath()) + " cannot be read: nothing was sent";
+            return false;
+        }
+    }
+    return true;
+}
+
 bool FileHandler::_packData(const QString& source, QString& packedPath) {
     if (progress.active()) {
         packingTotal = sourceBytes(source);

@@ -42,10 +42,13 @@ public:
     std::string error;
     // The folder this upload packed into (empty before packing).
     std::string temporaryFolder;
+    // The server's answer to the upload: the name it stored the item under.
+    QString storedName;
 
 private:
     friend struct FileHandlerProbe; // lets the tests drive single steps
 
+    bool _verifySource(const QString& source);
     bool _packData(const QString& source, QString& packedPath);
     bool _zipFolder(const QString& folder, QString& packedPath);
     bool _performUpload(const QString& packedPath, const dataExchangeLocation& location);

@@ -79,7 +79,8 @@ bool FileHandler::handleData(const QString& fileOrFolder, QString& writtenFileNa
                              uint32_t& usedLocation) {
     const std::vector<dataExchangeLocation> tries = destinations(location);
     QString packedPath;
-    if (!_packData(fileOrFolder, packedPath) ||
+    if ((extensions.verifiedDelivery && !_verifySource(fileOrFolder)) ||
+        !_packData(fileOrFolder, packedPath) ||
         !progress.report(StagePacking, packingTotal, packingTotal))
         return _stopped();
     for (const dataExchangeLocation destination : tries) {
@@ -91,6 +92,9 @@ bool FileHandler::handleData(const QString& fileOrFolder, QString& writtenFileNa
         if (progress.cancelled())
             return _stopped();
     }
+    // Where the item stays, unless the host asked for it to go with the call.
+    if (extensions.verifiedDelivery && !extensions.removePackage && QFileInfo::exists(packedPath))
+        error += (error.empty() ? "" : "\n") + ("The packed item stays at " + quoted(packedPath));
     return false;
 }
 
@@ -173,9 +177,11 @@ bool FileHandler::_deliverToServer(const QString& packedPath) {
     interactor.setRequestControl(_requestControl(StageUpload));
     QString answer;
     // A failed upload leaves error as it was: the caller then reports its own fall-back.
-    // Only a stall timeout, which a host asked for, names its cause.
-    if (!interactor.uploadFile(packedPath, answer)) {
-        if (interactor.stalled())
+    // Only a stall timeout or verified delivery, which a host asked for, names its cause.
+    const bool uploaded = interactor.uploadFile(packedPath, answer);
+    storedName = answer;
+    if (!uploaded) {
+        if (interactor.stalled() || extensions.verifiedDelivery)
             error = interactor.lastError();
         return false;
     }
@@ -198,6 +204,7 @@ bool FileHandler::_deliverToServer(const QString& packedPath) {
 RequestControl FileHandler::_requestControl(uint32_t stage) {
     RequestControl control;
     control.stallTimeoutSeconds = extensions.stallTimeoutSeconds;
+    control.verified = extensions.verifiedDelivery;
     if (!progress.active())
         return control;
     control.progress = [this, stage](quint64 done, quint64 total) {

@@ -42,6 +42,7 @@ dataExchangeUploadData(dataExchangeLibraryImp* handle, const char* fileOrFolderN
     if (handle == nullptr)
         return InvalidArgument;
     handle->clearErrors();
+    handle->storedName.clear();
     if (fileOrFolderName == nullptr || *fileOrFolderName == '\0')
         return fail(*handle, message::emptyName(), InvalidArgument);
     if (writtenFileNameSize == 0 && writtenFileName != nullptr)
@@ -67,7 +68,9 @@ dataExchangeUploadData(dataExchangeLibraryImp* handle, const char* fileOrFolderN
                     HandlerConfigurationFailed);
     QString name;
     uint32_t used = 0;
-    if (!handler.handleData(QString::fromUtf8(fileOrFolderName), name, used))
+    const bool delivered = handler.handleData(QString::fromUtf8(fileOrFolderName), name, used);
+    handle->storedName = handler.storedName.toStdString();
+    if (!delivered)
         return fail(*handle, message::orFallback(handler.error, "Unknown error handling data"),
                     DataHandlingFailed);
     // The destination is reported even when the name does not fit: the data was delivered.

@@ -9,6 +9,8 @@ TEST(UploadArguments, RefusedWithResultAndMessage) {
     EXPECT_EQ(dataExchangeSetStallTimeout(nullptr, 1), InvalidArgument);
     EXPECT_EQ(dataExchangeSetRemovePackage(nullptr, 1), InvalidArgument);
     EXPECT_EQ(dataExchangeSetUseConfiguredProxy(nullptr, 1), InvalidArgument);
+    EXPECT_EQ(dataExchangeSetVerifiedDelivery(nullptr, 1), InvalidArgument);
+    EXPECT_EQ(dataExchangeGetStoredName(nullptr, 0, nullptr), InvalidArgument);
     char buffer[8];
     uint32_t used = 0;
     EXPECT_EQ(dataExchangeUploadData(nullptr, "x", 8, buffer, &used), InvalidArgument);
@@ -40,4 +42,17 @@ TEST(UploadArguments, RefusedWithResultAndMessage) {
         EXPECT_STREQ(errors, c.errors);
         dataExchangeClose(&handle);
     }
+}
+
+// Verified delivery takes 0 or 1; the stored name is "" until an upload got an answer.
+TEST(UploadArguments, VerifiedDeliveryAndStoredName) {
+    dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
+    EXPECT_EQ(dataExchangeSetVerifiedDelivery(handle, 2), InvalidArgument);
+    char text[64] = "#";
+    dataExchangeGetLastErrors(handle, sizeof text, text);
+    EXPECT_STREQ(text, "Verified delivery is 0 (off) or 1 (on), not 2\n");
+    EXPECT_EQ(dataExchangeGetStoredName(handle, 8, nullptr), InvalidArgument);
+    EXPECT_EQ(dataExchangeGetStoredName(handle, sizeof text, text), Success);
+    EXPECT_STREQ(text, "");
+    dataExchangeClose(&handle);
 }

@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTcpServer>
@@ -75,7 +76,7 @@ std::vector<QMap<QString, QString>> readCases() {
     return cases;
 }
 
-// A tinyproxy on loopback that asks for user "demo" and password "secret"; QProcess ends it.
+// A tinyproxy on loopback that asks for user "demo" and password "secret".
 struct Proxy {
     explicit Proxy(const QTemporaryDir& work) : log(work.filePath("proxy.log")) {
         QTcpServer probe;
@@ -91,6 +92,10 @@ struct Proxy {
         process.start("tinyproxy", {"-d", "-c", work.filePath("tinyproxy.conf")});
         for (int n = 0; n < 100 && !QFile::exists(log); ++n)
             QThread::msleep(50);
+    }
+    ~Proxy() {
+        process.terminate();
+        process.waitForFinished();
     }
     const QString log;
     QString url;
@@ -111,8 +116,13 @@ QString pattern(QString text, const QMap<QString, QString>& patterns) {
 // gone when the host has unloaded the library.
 TEST_F(Upload, ThroughAHost) {
     const std::vector<QMap<QString, QString>> cases = readCases();
-    ASSERT_EQ(cases.size(), 36u);
+    ASSERT_EQ(cases.size(), 47u);
     const Proxy tinyproxy(work);
+    // A test CA's, for {certificates}; in a folder whose name holds no blank.
+    const QTemporaryDir certificates(QDir::tempPath() + "/dxCertificates-XXXXXX");
+    ASSERT_EQ(QProcess::execute(
+                  "sh", {DX_SOURCE_DIR "/tests/support/make-test-ca.sh", certificates.path()}),
+              0);
     for (const auto& c : cases) {
         SCOPED_TRACE(c["what"].toStdString());
         const QStringList arrange = c["arrange"].split(' ', Qt::SkipEmptyParts);
@@ -128,14 +138,19 @@ TEST_F(Upload, ThroughAHost) {
             (!arrange.contains("share-is-file") || writeFile(share, ""));
         ASSERT_TRUE(arranged);
         std::unique_ptr<ProcessingSite> site;
-        if (c["site"] != "none")
-            site = std::make_unique<ProcessingSite>(c["site"].split(' ', Qt::SkipEmptyParts));
+        const QString switches = QString(c["site"]).replace("{certificates}", certificates.path());
+        if (switches != "none")
+            site = std::make_unique<ProcessingSite>(switches.split(' ', Qt::SkipEmptyParts));
+        ASSERT_TRUE(!site || site->isRunning());
+        if (arrange.contains("clash")) // a name the server has already stored
+            writeFile(site->storedFile("precalibration_cal7.zip"), "");
         const QString host = site ? site->host() : "127.0.0.1:1";
         if (arrange.contains("config-incomplete"))
             writeFile(app + "/config.xml", "<Configuration><Server><Name>x</Name><Protocol>http"
                                            "</Protocol></Server></Configuration>");
         else if (!arrange.contains("no-config"))
-            writeServerConfig(arrange.contains("config-in-data") ? data : app, host, "http",
+            writeServerConfig(arrange.contains("config-in-data") ? data : app, host,
+                              arrange.contains("https") ? "https" : "http",
                               QString(c["proxy"]).replace("{proxy}", tinyproxy.url));
         if (arrange.contains("dead-config-in-data"))
             writeServerConfig(data, "127.0.0.1:1");
@@ -149,10 +164,15 @@ TEST_F(Upload, ThroughAHost) {
                                               {"stamp", stamp},
                                               {"share", QRegularExpression::escape(share)},
                                               {"site", QRegularExpression::escape(host)},
-                                              {"app", QRegularExpression::escape(app)}};
-        const QString errors = c["errors"].isEmpty() ? "" : c["errors"] + "\n";
+                                              {"app", QRegularExpression::escape(app)},
+                                              {"data", QRegularExpression::escape(data)}};
+        const QString errors =
+            c["errors"].isEmpty() ? "" : QString(c["errors"]).replace("\\n", "\n") + "\n";
         EXPECT_TRUE(QRegularExpression(pattern(errors, patterns)).match(outcome.errors).hasMatch())
             << outcome.errors.toStdString();
+        if (c.contains("stored-as")) {
+            EXPECT_EQ(outcome.stored, c["stored-as"]);
+        }
         if (c.contains("stored")) {
             const QStringList stored = QDir(site->storedFile("")).entryList(QDir::Files);
             EXPECT_EQ(stored.isEmpty() ? "" : zipNames(site->storedFile(stored[0])).join(','),
@@ -174,12 +194,20 @@ TEST_F(Upload, ThroughAHost) {
                           part["disposition"].toString() + " | " + part["content_type"].toString(),
                       c["upload"]);
         }
-        if (c.contains("job")) {
+        if (c["job"] == "none")
+            EXPECT_TRUE(site->jobs().empty());
+        else if (c.contains("job")) {
             ASSERT_EQ(site->jobs().size(), 1u);
             EXPECT_EQ(site->jobs()[0].value("content_type"), "application/x-www-form-urlencoded");
             EXPECT_EQ(site->jobs()[0].value("body").toString().toStdString(),
                       c["job"].toStdString());
             EXPECT_EQ(outcome.location, 2u);
+        }
+        if (c.contains("fields")) { // as the PHP site decoded them
+            ASSERT_EQ(site->jobs().size(), 1u);
+            EXPECT_EQ(QJsonDocument(site->jobs().at(0)["fields"].toObject())
+                          .toJson(QJsonDocument::Compact),
+                      c["fields"].toUtf8());
         }
         if (c.contains("stages")) {
             std::vector<quint64> stages;

@@ -8,7 +8,8 @@ EXPECTED = {"dataExchange" + name for name in (
     "GetUint32Option SetUint32Option GetUint64Option SetUint64Option GetStringOption "
     "SetStringOption UploadData "
     # Opt-in extensions.
-    "SetProgressCallback SetStallTimeout SetRemovePackage SetUseConfiguredProxy").split()}
+    "SetProgressCallback SetStallTimeout SetRemovePackage SetUseConfiguredProxy "
+    "SetVerifiedDelivery GetStoredName").split()}
 
 
 def output(*command):

@@ -49,11 +49,13 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         nameSize = number;
     else if (strncmp(argument, "proxy=", 6) == 0)
         dataExchangeSetUseConfiguredProxy(handle, number);
+    else if (strncmp(argument, "verified=", 9) == 0)
+        dataExchangeSetVerifiedDelivery(handle, number);
 }
 
 int main(int argc, char** argv) {
     static char errors[65536];
-    char name[513] = "";
+    char name[513] = "", stored[512] = "";
     uint32_t used = 0;
     int32_t result;
     int n;
@@ -65,7 +67,9 @@ int main(int argc, char** argv) {
     result = dataExchangeUploadData(handle, argv[1], nameSize, name, &used);
     if (dataExchangeGetLastErrors(handle, sizeof errors, errors) != Success || result == Success)
         errors[0] = '\0';
-    printf("result=%d\nname=%s\nlocation=%u\nerrors=%s", (int)result, name, (unsigned)used, errors);
+    dataExchangeGetStoredName(handle, sizeof stored, stored);
+    printf("result=%d\nname=%s\nlocation=%u\nstored=%s\nerrors=%s", (int)result, name,
+           (unsigned)used, stored, errors);
     dataExchangeClose(&handle);
     return 0;
 }

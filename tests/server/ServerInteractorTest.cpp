@@ -18,8 +18,9 @@ char name[] = "serverTest";
 char* argv[] = {name, nullptr};
 QCoreApplication* const application = new QCoreApplication(argc, argv);
 
-// A test CA and a certificate it signed for 127.0.0.1: refused until the test
-// itself trusts the CA (the library never weakens verification), then carrying upload and job.
+// A test CA and a certificate it signed for 127.0.0.1: once the test trusts the CA, upload and job
+// go over HTTPS. That the library refuses the certificate until then is shown through the upload
+// export (tests/data/upload-cases.txt, "an untrusted certificate").
 TEST(Https, OnlyATrustedCertificateCarriesUploadAndJob) {
     QTemporaryDir certificates;
     ASSERT_EQ(QProcess::execute(
@@ -33,12 +34,6 @@ TEST(Https, OnlyATrustedCertificateCarriesUploadAndJob) {
                     dxtest::writeServerConfig(certificates.path(), site.host(), "https")) &&
                 dxtest::writeFile(data, "payload"));
     QString answer;
-    EXPECT_FALSE(server.uploadFile(data, answer));
-    EXPECT_EQ(server.lastError(), "SSL handshake failed");
-    EXPECT_FALSE(server.pushJob("data.bin"));
-    EXPECT_EQ(server.lastError(), "SSL handshake failed");
-    EXPECT_TRUE(site.uploads().empty() && site.jobs().empty());
-
     auto trusting = QSslConfiguration::defaultConfiguration();
     trusting.addCaCertificates(QSslCertificate::fromPath(certificates.filePath("ca.pem")));
     QSslConfiguration::setDefaultConfiguration(trusting);

@@ -12,10 +12,13 @@ constexpr int startLimitMs = 60000;
 
 ProcessingSite::ProcessingSite(const QStringList& switches) {
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    // --watch-stdin: a test that dies takes its site with it.
-    process.start(DX_PYTHON, QStringList{DX_SOURCE_DIR "/tools/processing-site/processing_site.py",
-                                         "--root", folder.path(), "--quiet", "--watch-stdin"} +
-                                 switches);
+    // --watch-stdin: a test that dies takes its site with it. "php" first: the PHP site.
+    const bool php = switches.value(0) == "php";
+    process.start(php ? "bash" : DX_PYTHON,
+                  QStringList{php ? DX_SOURCE_DIR "/tools/processing-site/php/php-site.sh"
+                                  : DX_SOURCE_DIR "/tools/processing-site/processing_site.py",
+                              "--root", folder.path(), "--watch-stdin"} +
+                      (php ? switches.mid(1) : QStringList{"--quiet"} + switches));
     if (!process.waitForStarted(startLimitMs))
         return;
     while (!process.canReadLine() && process.waitForReadyRead(startLimitMs)) {

@@ -113,6 +113,8 @@ Outcome UploadFixture::runHost(const QString& source, const QStringList& options
             outcome.result = value.toInt();
         else if (key == "name")
             outcome.name = value;
+        else if (key == "stored")
+            outcome.stored = value;
         else if (key == "location")
             outcome.location = value.toUInt();
         else if (key == "progress")

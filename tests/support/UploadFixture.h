@@ -31,7 +31,7 @@ void clearShareRoot();
 
 struct Outcome {
     int result = -999;
-    QString name;
+    QString name, stored; // the delivered name; the name the server stored (the host only)
     uint32_t location = 0;
     QString errors;
     std::vector<std::array<quint64, 3>> progress; // stage, done, total of each callback
@@ -44,7 +44,7 @@ protected:
     void SetUp() override;
     void TearDown() override;
     // Options as name=value: dev, dt, loc, sn, user, report, progress, cancel=STAGE:CALL, stall,
-    // proxy, namesize. As user nobody when this process is root; without SSL when asked.
+    // proxy, namesize, verified. As user nobody when this process is root; without SSL when asked.
     Outcome runHost(const QString& source, const QStringList& options, bool asNobody = false,
                     bool withoutSsl = false);
 
