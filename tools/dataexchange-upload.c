@@ -62,6 +62,57 @@ static void catchInterrupt(void (*handler)(int)) {
 
 #define TOOL "dataexchange-upload"
 
+/* The library writes its debug lines to standard error on POSIX systems (on Windows they go to
+ * the debugger). Once the arguments are read they go into a temporary file until the program
+ * ends, so that they never run into the progress line or the result; the program's own messages
+ * go to standard error as it was. --verbose shows them between progress updates, each on a line
+ * of its own, and after a failure the last few are shown as context. */
+static FILE* messages; /* the program's own messages: standard error as it was */
+#if defined(_WIN32)
+static void captureDebugLines(void) {}
+static void showDebugLines(int lastOnly) {
+    (void)lastOnly;
+}
+#else
+static FILE* debugLog;  /* the temporary file, NULL when nothing is captured */
+static long debugShown; /* bytes of it already shown */
+
+static void captureDebugLines(void) {
+    const int terminal = dup(STDERR_FILENO);
+    FILE* own = terminal < 0 ? NULL : fdopen(terminal, "w");
+    debugLog = own == NULL ? NULL : tmpfile();
+    if (debugLog == NULL || dup2(fileno(debugLog), STDERR_FILENO) < 0) {
+        if (own != NULL)
+            fclose(own);
+        return;
+    }
+    setvbuf(own, NULL, _IONBF, 0);
+    messages = own;
+}
+
+/* The lines written since the last call, or with lastOnly the last five, to the messages. */
+static void showDebugLines(int lastOnly) {
+    char text[16 * 1024];
+    size_t length, start, lines = 0;
+    long end;
+    if (debugLog == NULL || fseek(debugLog, 0, SEEK_END) != 0 || (end = ftell(debugLog)) <= 0)
+        return;
+    if (lastOnly || end - debugShown > (long)sizeof text)
+        debugShown = end > (long)sizeof text ? end - (long)sizeof text : 0;
+    if (fseek(debugLog, debugShown, SEEK_SET) != 0)
+        return;
+    length = fread(text, 1, sizeof text, debugLog);
+    debugShown += (long)length;
+    /* Back to the start of the fifth line from the end: after the sixth line feed from it. */
+    for (start = lastOnly ? length : 0; start > 0; --start)
+        if (text[start - 1] == '\n' && ++lines > 5)
+            break;
+    if (start < length && lastOnly)
+        fputs(TOOL ": the library's last messages:\n", messages);
+    fwrite(text + start, 1, length - start, messages);
+}
+#endif
+
 /* The error list is emptied when read, so a second, larger read is impossible: one buffer big
  * enough for any realistic list is the only way not to lose messages. */
 static char errorText[64 * 1024];
@@ -148,6 +199,10 @@ static void printHelp(void) {
     printf("  --remove-package remove the packed copy when the upload returns, instead of\n"
            "                   keeping it in the temporary folder until the program ends\n"
            "  --use-proxy      send through the proxy that config.xml names\n"
+           "  --plain          count any answer of the server as delivery, as the library\n"
+           "                   does by default; without it the upload is verified: the\n"
+           "                   server must name what it stored, failures name their cause\n"
+           "  --verbose        show the library's debug lines, each on a line of its own\n"
            "  --no-progress    print no progress\n"
            "  --list-options   print every option with its type, summary and its current,\n"
            "                   minimum, maximum and default values (after applying the\n"
@@ -159,7 +214,8 @@ static void printHelp(void) {
            "A flag's value may also follow an equals sign: --location=2.\n"
            "\n"
            "The server's address is read from config.xml, next to this program or in\n"
-           "../data beside it. Messages of the library go to standard error, one per line.\n"
+           "../data beside it. Messages of the library go to standard error, one per line;\n"
+           "its debug lines only with --verbose, or the last few after a failure.\n"
            "\n"
            "Progress goes to standard output: on a terminal one updating line per stage\n"
            "(packing, shared folder, upload, job request) with percentage, rate and time\n"
@@ -181,10 +237,10 @@ static void printHelp(void) {
 static int usageError(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    fprintf(stderr, TOOL ": ");
-    vfprintf(stderr, format, arguments);
+    fprintf(messages, TOOL ": ");
+    vfprintf(messages, format, arguments);
     va_end(arguments);
-    fprintf(stderr, "\nTry '" TOOL " --help' for more information.\n");
+    fprintf(messages, "\nTry '" TOOL " --help' for more information.\n");
     return ExitUsage;
 }
 
@@ -223,17 +279,17 @@ static int printErrors(dataExchangeLibraryImp* handle) {
     errorText[0] = '\0';
     result = dataExchangeGetLastErrors(handle, sizeof errorText, errorText);
     if (result == BufferTooSmall) {
-        fwrite(errorText, 1, sizeof errorText, stderr);
-        fprintf(stderr, "\n" TOOL ": further messages were cut\n");
+        fwrite(errorText, 1, sizeof errorText, messages);
+        fprintf(messages, "\n" TOOL ": further messages were cut\n");
         return 1;
     }
-    fputs(errorText, stderr);
+    fputs(errorText, messages);
     return errorText[0] != '\0';
 }
 
 static void printFailure(dataExchangeLibraryImp* handle, const char* what, int32_t result) {
     if (!printErrors(handle))
-        fprintf(stderr, TOOL ": %s failed with result %d\n", what, (int)result);
+        fprintf(messages, TOOL ": %s failed with result %d\n", what, (int)result);
 }
 
 /* Reads back what a clipping setter stored, to tell the user the value now in effect. */
@@ -244,13 +300,16 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
     uint64_t u64 = 0;
     if (optionFlags[flag].type == Int32 &&
         dataExchangeGetInt32Option(handle, name, Current, &i32) == Success)
-        fprintf(stderr, TOOL ": warning: %s stored as %" PRId32 "\n", optionFlags[flag].flag, i32);
+        fprintf(messages, TOOL ": warning: %s stored as %" PRId32 "\n", optionFlags[flag].flag,
+                i32);
     else if (optionFlags[flag].type == Uint32 &&
              dataExchangeGetUint32Option(handle, name, Current, &u32) == Success)
-        fprintf(stderr, TOOL ": warning: %s stored as %" PRIu32 "\n", optionFlags[flag].flag, u32);
+        fprintf(messages, TOOL ": warning: %s stored as %" PRIu32 "\n", optionFlags[flag].flag,
+                u32);
     else if (optionFlags[flag].type == Uint64 &&
              dataExchangeGetUint64Option(handle, name, Current, &u64) == Success)
-        fprintf(stderr, TOOL ": warning: %s stored as %" PRIu64 "\n", optionFlags[flag].flag, u64);
+        fprintf(messages, TOOL ": warning: %s stored as %" PRIu64 "\n", optionFlags[flag].flag,
+                u64);
 }
 
 static int32_t applySetting(dataExchangeLibraryImp* handle, const Setting* setting) {
@@ -392,6 +451,7 @@ typedef struct {
     double started; /* when the stage began */
     double moved;   /* when its count last changed */
     int lineLength; /* of the open terminal line, 0 when there is none */
+    int verbose;    /* show the library's debug lines as they come */
 } Progress;
 
 static const char* stageName(uint32_t stage) {
@@ -474,6 +534,14 @@ static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint6
         progress->done = done;
         progress->total = total;
     }
+    if (progress->verbose) {
+        /* A debug line starts on a line of its own: the progress line is drawn again after. */
+        if (progress->lineLength > 0)
+            printf("\r%*s\r", progress->lineLength, "");
+        fflush(stdout);
+        progress->lineLength = 0;
+        showDebugLines(0);
+    }
     if (progress->show && progress->terminal)
         drawProgressLine(progress);
     else if (progress->show && changed)
@@ -495,13 +563,15 @@ static const char* destinationName(uint32_t location) {
 }
 
 static int32_t upload(dataExchangeLibraryImp* handle, const char* path, int showProgress,
-                      int* cancelled) {
+                      int verbose, int* cancelled) {
+    static char storedName[sizeof deliveredName];
     uint32_t location = 0;
     int32_t result;
     Progress progress;
     memset(&progress, 0, sizeof progress);
     progress.show = showProgress;
     progress.terminal = stdoutIsTerminal();
+    progress.verbose = verbose;
     /* The callback is set even without a display: it is what cancels on Ctrl+C. */
     catchInterrupt(onInterrupt);
     result = dataExchangeSetProgressCallback(handle, onProgress, &progress);
@@ -509,6 +579,8 @@ static int32_t upload(dataExchangeLibraryImp* handle, const char* path, int show
         result =
             dataExchangeUploadData(handle, path, sizeof deliveredName, deliveredName, &location);
     endProgressLine(&progress);
+    if (verbose || (result != Success && result != BufferTooSmall))
+        showDebugLines(!verbose);
     /* A cancel that came too late to stop the delivery leaves a success. */
     *cancelled = progress.cancelled && result == DataHandlingFailed;
     if (result == Success || result == BufferTooSmall) {
@@ -517,6 +589,10 @@ static int32_t upload(dataExchangeLibraryImp* handle, const char* path, int show
         size_t length = result == Success ? strlen(deliveredName) : sizeof deliveredName;
         printf("Delivered as: %.*s\nDestination: %s\n", (int)length, deliveredName,
                destinationName(location));
+        /* A server that keeps every upload may store it under another name. */
+        if (dataExchangeGetStoredName(handle, sizeof storedName, storedName) == Success &&
+            storedName[0] != '\0' && strncmp(storedName, deliveredName, length + 1) != 0)
+            printf("Stored as: %s\n", storedName);
     }
     if (result != Success)
         printFailure(handle, "upload", result);
@@ -544,6 +620,8 @@ int main(int argc, char** argv) {
     int endOfFlags = 0;
     int removePackage = 0;
     int useProxy = 0;
+    int plain = 0;
+    int verbose = 0;
     int showProgress = 1;
     int cancelled = 0;
     int status;
@@ -551,6 +629,7 @@ int main(int argc, char** argv) {
     dataExchangeLibraryImp* handle;
     int i;
 
+    messages = stderr;
     if (settings == NULL) {
         fprintf(stderr, TOOL ": out of memory\n");
         return ExitFailure;
@@ -595,6 +674,14 @@ int main(int argc, char** argv) {
             useProxy = 1;
             continue;
         }
+        if (strcmp(arg, "--plain") == 0) {
+            plain = 1;
+            continue;
+        }
+        if (strcmp(arg, "--verbose") == 0) {
+            verbose = 1;
+            continue;
+        }
         if (strcmp(arg, "--no-progress") == 0) {
             showProgress = 0;
             continue;
@@ -635,9 +722,10 @@ int main(int argc, char** argv) {
         goto done;
     }
 
+    captureDebugLines();
     handle = dataExchangeInit(NULL, sizeof errorText, errorText);
     if (handle == NULL) {
-        fprintf(stderr, TOOL ": the library could not be opened: %s\n", errorText);
+        fprintf(messages, TOOL ": the library could not be opened: %s\n", errorText);
         status = ExitFailure;
         goto done;
     }
@@ -655,9 +743,11 @@ int main(int argc, char** argv) {
         result = dataExchangeSetRemovePackage(handle, 1);
     if (result == Success && useProxy)
         result = dataExchangeSetUseConfiguredProxy(handle, 1);
+    if (result == Success && !plain)
+        result = dataExchangeSetVerifiedDelivery(handle, 1);
     if (result == Success)
-        result =
-            listRequested ? listOptions(handle) : upload(handle, path, showProgress, &cancelled);
+        result = listRequested ? listOptions(handle)
+                               : upload(handle, path, showProgress, verbose, &cancelled);
     dataExchangeClose(&handle);
     status = cancelled ? ExitCancelled : exitStatusOf(result);
 

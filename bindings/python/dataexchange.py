@@ -160,6 +160,8 @@ def _declare(lib):
         "SetStallTimeout": [vp, ctypes.c_uint32],
         "SetRemovePackage": [vp, ctypes.c_uint32],
         "SetUseConfiguredProxy": [vp, ctypes.c_uint32],
+        "SetVerifiedDelivery": [vp, ctypes.c_uint32],
+        "GetStoredName": [vp, size, out],
     }
     for kind, (ctype, _, _) in _NUMBERS.items():
         prototypes["Get%sOption" % kind.name] = [vp, text, ctypes.c_uint32, ctypes.POINTER(ctype)]
@@ -214,9 +216,10 @@ def _text(value) -> bytes:
 
 class Handle:
     """One library handle. Use it from one thread at a time; close it, or use it in a with
-    block. library: a path, a CDLL from load(), or None (see load())."""
+    block. library: a path, a CDLL from load(), or None (see load()). verified: verified
+    delivery (see set_verified_delivery), on unless False is given."""
 
-    def __init__(self, library=None, *, qt_dir=None):
+    def __init__(self, library=None, *, qt_dir=None, verified=True):
         self._lib = library if isinstance(library, ctypes.CDLL) else load(library, qt_dir)
         message = ctypes.create_string_buffer(1024)
         self._handle = ctypes.c_void_p(self._lib.dataExchangeInit(None, len(message), message))
@@ -226,6 +229,7 @@ class Handle:
         self._types = {name: kind for name, _, _, _, kind in self._describe()}
         self._progress = None  # the C callback object, kept alive while it is set
         self._progress_error = None
+        self.set_verified_delivery(verified)
 
     def close(self) -> None:
         if self._handle.value:
@@ -358,6 +362,18 @@ class Handle:
     def set_use_configured_proxy(self, enable: bool) -> None:
         """Send the requests through the Proxy of config.xml."""
         self._call("dataExchangeSetUseConfiguredProxy", 1 if enable else 0)
+
+    def set_verified_delivery(self, enable: bool) -> None:
+        """On: an upload counts only when the server names what it stored, and a failure says
+        why; off: any answer of the server counts, as the library does by default."""
+        self._call("dataExchangeSetVerifiedDelivery", 1 if enable else 0)
+
+    def stored_name(self) -> str:
+        """The name the server answered for the last upload (it may differ from the delivered
+        name when the server keeps every upload); "" without an answer."""
+        buffer = ctypes.create_string_buffer(4096)
+        self._call("dataExchangeGetStoredName", len(buffer), buffer)
+        return buffer.value.decode("utf-8", "replace")
 
     def upload(self, path) -> Delivery:
         """Packs and delivers a file or folder as the "Location" option says; blocks until

@@ -2,6 +2,7 @@
 import os
 import shutil
 import sys
+import tempfile
 import unittest
 
 import dataexchange as dx
@@ -29,7 +30,11 @@ class BindingTest(unittest.TestCase):
         handle = dx.Handle()  # closed when the test returns
         handle["Device type"], handle["Data type"], handle["Location"] = 0, 0, 1
         name, destination = handle.upload(__file__)
-        self.assertEqual((destination, name in os.listdir(share)), (dx.Location.SharedFolder, True))
+        self.assertEqual((destination, name in os.listdir(share), handle.stored_name()),
+                         (dx.Location.SharedFolder, True, ""))  # no server answered
+        empty = tempfile.mkdtemp()  # verified delivery, the default, refuses it
+        self.addCleanup(os.rmdir, empty)
+        self.assertRaisesRegex(dx.DataExchangeError, "holds no files", handle.upload, empty)
         for function, error in [(lambda stage, *_: stage is dx.Stage.Packing,  # cancels
                                  dx.DataExchangeError), (lambda *_: 1 / 0, ZeroDivisionError)]:
             handle.set_progress(function)

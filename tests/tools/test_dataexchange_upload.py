@@ -12,7 +12,8 @@ import unittest
 
 HERE = pathlib.Path(__file__).parent
 SITE = HERE / "../../tools/processing-site/processing_site.py"
-USAGE = "dataexchange-upload: %s\nTry 'dataexchange-upload --help' for more information.\n"
+TOOL_NAME = "dataexchange-upload"
+USAGE = TOOL_NAME + ": %s\nTry '" + TOOL_NAME + " --help' for more information.\n"
 STAGE = r"Progress: {0} 0/{1}\n(?:Progress: {0} \d+/{1}\n)*Progress: {0} {1}/{1}\n"
 
 
@@ -20,19 +21,23 @@ def data(name):  # an expected text from tests/data
     return (HERE / "../data" / name).read_text(encoding="utf-8")
 
 
+def site_beside_tool(case, *switches):  # a copy of TOOL beside the config.xml of a new site
+    work = tempfile.TemporaryDirectory(prefix="dxUploadTool")
+    case.addClassCleanup(work.cleanup)
+    site = subprocess.Popen([sys.executable, SITE, "--root", work.name, "--quiet", *switches,
+                             "--write-config", work.name, "--watch-stdin"],
+                            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    case.addClassCleanup(site.communicate)  # closes the pipes
+    case.addClassCleanup(site.kill)
+    site.stdout.readline()  # the port, once the site listens
+    return shutil.copy2(TOOL, work.name), pathlib.Path(work.name, "config.xml")
+
+
 class ToolTest(unittest.TestCase):
     @classmethod
-    def setUpClass(cls):  # a site that answers uploads after 20 s, named beside a copy of TOOL
-        work = tempfile.TemporaryDirectory(prefix="dxUploadTool")
-        cls.addClassCleanup(work.cleanup)
-        cls.tool = shutil.copy2(TOOL, work.name)
-        site = subprocess.Popen([sys.executable, SITE, "--root", work.name, "--quiet", "--delay",
-                                 "upload=20", "--write-config", work.name, "--watch-stdin"],
-                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        cls.addClassCleanup(site.communicate)  # closes the pipes
-        cls.addClassCleanup(site.kill)
-        site.stdout.readline()  # the port, once the site listens
-        config = pathlib.Path(work.name, "config.xml")  # its proxy is used only with --use-proxy
+    def setUpClass(cls):  # a site that answers uploads after 20 s
+        cls.tool, config = site_beside_tool(cls, "--delay", "upload=20")
+        # Its proxy is used only with --use-proxy.
         config.write_text(config.read_text().replace(
             "</Configuration>", "<Proxy><Url>ftp://nowhere</Url></Proxy></Configuration>"))
 
@@ -71,6 +76,18 @@ class ToolTest(unittest.TestCase):
         self.assertTrue(code == 0 and match, out + err)
         for file in [match[1], match[1] + ".info"]:  # fails when that name was not delivered
             self.addCleanup(os.remove, os.path.join(share, file))
+
+    def test_verified_unless_plain_and_debug_lines_only_with_verbose(self):
+        tool, _ = site_beside_tool(self, "--empty-body", "upload")  # stores, answers nothing
+        verified, plain, verbose = (subprocess.run(
+            [tool, *extra, "--device-type=0", "--data-type=0", "--location=2", "--no-progress",
+             __file__], capture_output=True, encoding="utf-8") for extra in ([], ["--plain"],
+                                                                          ["--plain", "--verbose"]))
+        self.assertEqual(verified.returncode, 9)
+        self.assertRegex(verified.stderr, "^" + TOOL_NAME + ": the library's last messages:\n"
+                         "(.+\n){1,5}The server stored nothing: .+\n")
+        self.assertEqual((plain.returncode, plain.stderr), (0, ""))
+        self.assertIn("Received answer \n", verbose.stderr)
 
     @unittest.skipUnless(os.name == "posix", "sends SIGINT")
     def test_ctrl_c_while_the_server_is_waited_for_cancels(self):
