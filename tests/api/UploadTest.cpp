@@ -116,7 +116,7 @@ QString pattern(QString text, const QMap<QString, QString>& patterns) {
 // gone when the host has unloaded the library.
 TEST_F(Upload, ThroughAHost) {
     const std::vector<QMap<QString, QString>> cases = readCases();
-    ASSERT_EQ(cases.size(), 47u);
+    ASSERT_EQ(cases.size(), 49u);
     const Proxy tinyproxy(work);
     // A test CA's, for {certificates}; in a folder whose name holds no blank.
     const QTemporaryDir certificates(QDir::tempPath() + "/dxCertificates-XXXXXX");
@@ -134,6 +134,7 @@ TEST_F(Upload, ThroughAHost) {
             (!arrange.contains("fifo") || mkfifo(QFile::encodeName(data + "/fifo"), 0644) == 0) &&
             (!arrange.contains("share") || QDir().mkpath(share)) &&
             (!arrange.contains("folders") || QDir().mkpath(data + "/run/inner")) &&
+            writeFile(data + QStringLiteral("/Kalibrierung_\u00d8+1/Messung_\u00e4.csv"), "1") &&
             QDir().mkpath(data + "/empty") &&
             (!arrange.contains("share-is-file") || writeFile(share, ""));
         ASSERT_TRUE(arranged);

@@ -1,5 +1,5 @@
-// Requests over HTTPS against the local processing site. What arrives over HTTP, and what a failed
-// request reports, is tested through the upload export (tests/api).
+// Requests over HTTPS against the PHP processing site (Apache). What arrives over HTTP, and what a
+// failed request reports, is tested through the upload export (tests/api).
 #include "server/ServerInteractor.h"
 #include "ProcessingSite.h"
 #include "UploadFixture.h"
@@ -26,7 +26,7 @@ TEST(Https, OnlyATrustedCertificateCarriesUploadAndJob) {
     ASSERT_EQ(QProcess::execute(
                   "sh", {DX_SOURCE_DIR "/tests/support/make-test-ca.sh", certificates.path()}),
               0);
-    dxtest::ProcessingSite site({"--cert", certificates.filePath("server.pem"), "--key",
+    dxtest::ProcessingSite site({"php", "--cert", certificates.filePath("server.pem"), "--key",
                                  certificates.filePath("server.key")});
     ServerInteractor server({{"sn", "42"}});
     const QString data = certificates.filePath("data.bin");
