@@ -4,15 +4,16 @@
 # file, logs, storage/ and jobs.jsonl live in the --root folder; the system's Apache is untouched.
 #
 #   php-site.sh --root DIR [--post-max-size SIZE] [--upload-max-filesize SIZE]
-#               [--limit-request-body BYTES] [--job-status CODE] [--cert PEM --key KEY]
-#               [--watch-stdin]
+#               [--limit-request-body BYTES] [--job-status CODE] [--answer-line-break]
+#               [--cert PEM --key KEY] [--watch-stdin]
 #
 # Prints the port once Apache answers, then serves until SIGTERM or SIGINT (with --watch-stdin
 # also until standard input closes) and stops Apache by its own pid file. PHP's defaults stand
 # for the limits that are not given: post_max_size 8M, upload_max_filesize 2M.
 set -euo pipefail
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-export DX_POST_MAX_SIZE=8M DX_UPLOAD_MAX_FILESIZE=2M DX_LIMIT_REQUEST_BODY=0 DX_JOB_STATUS=0
+export DX_POST_MAX_SIZE=8M DX_UPLOAD_MAX_FILESIZE=2M DX_LIMIT_REQUEST_BODY=0 DX_JOB_STATUS=0 \
+    DX_LINE_BREAK=0
 root="" cert="" key="" watch=0
 while (($#)); do
     case $1 in
@@ -24,6 +25,7 @@ while (($#)); do
     --cert) cert=$2 ;;
     --key) key=$2 ;;
     --watch-stdin) watch=1 && shift && continue ;;
+    --answer-line-break) DX_LINE_BREAK=1 && shift && continue ;;
     *) echo "php-site.sh: unknown argument '$1'" >&2 && exit 2 ;;
     esac
     shift 2

@@ -1,8 +1,9 @@
 <?php
 // Stores the part "file" of a multipart POST in storage/ and answers the stored name, nothing
-// else. A name that is taken gets "-1", "-2", ... before its extension, as servers that keep
-// every upload do. When PHP dropped the body (larger than post_max_size) the script sees no
-// file at all and, like many real sites, answers 200 with an empty body.
+// else (but see DX_LINE_BREAK below). A name that is taken gets "-1", "-2", ... before its
+// extension, as servers that keep every upload do. When PHP dropped the body (larger than
+// post_max_size) the script sees no file at all and, like many real sites, answers 200 with an
+// empty body.
 $storage = getenv('DX_SITE_ROOT') . '/storage';
 $file = $_FILES['file'] ?? null;
 if ($file === null) {
@@ -25,4 +26,5 @@ if (!move_uploaded_file($file['tmp_name'], "$storage/$name")) {
     echo 'could not store ', $name;
     exit;
 }
-echo $name;
+// DX_LINE_BREAK=1: the answer ends in a line break, as a script that prints a line does.
+echo $name, getenv('DX_LINE_BREAK') === '1' ? "\n" : '';
