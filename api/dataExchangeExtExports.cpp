@@ -1,6 +1,8 @@
 // The opt-in extension exports: each stores one setting of the handle.
 #include "api/dataExchangeLibraryImp.h"
+#include "transfer/ParallelPacker.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -63,6 +65,18 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetStoredName(dataExchang
     if (bufferSize != 0)
         std::strncpy(buffer, handle->storedName.c_str(), bufferSize);
     return handle->storedName.size() < bufferSize ? Success : BufferTooSmall;
+}
+
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads) {
+    using measurement::dataExchange::ParallelPacker;
+    const uint32_t kept = std::min(threads, ParallelPacker::maximumThreads);
+    const int32_t result = setExtension(handle, [&](Extensions& e) { e.packingThreads = kept; });
+    if (result != Success || kept == threads)
+        return result;
+    handle->appendError("Packing threads are at most " + std::to_string(kept) + "; " +
+                        std::to_string(threads) + " was cropped");
+    return ValueCropped;
 }
 
 } // extern "C"

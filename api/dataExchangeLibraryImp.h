@@ -82,6 +82,7 @@ struct dataExchangeLibraryImp {
         bool removePackage = false;
         bool useConfiguredProxy = false;
         bool verifiedDelivery = false;
+        uint32_t packingThreads = 1;
     };
     Extensions extensions;
     // The server's answer to the last upload: the name it stored the item under.

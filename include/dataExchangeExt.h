@@ -1,7 +1,8 @@
 /*
- * dataExchange extensions: progress and cancel, a stall timeout, removal of the packed item, and
- * the proxy of config.xml. Each is opt-in per handle; a handle that never calls these exports
- * behaves exactly as one of a library without them.
+ * dataExchange extensions: progress and cancel, a stall timeout, removal of the packed item, the
+ * proxy of config.xml, verified delivery and packing on several threads. Each is opt-in per
+ * handle; a handle that never calls these exports behaves exactly as one of a library without
+ * them.
  *
  *     static int32_t onProgress(uint32_t stage, uint64_t done, uint64_t total, void* context) {
  *         printf("stage %u: %llu of %llu\n", stage, (unsigned long long)done,
@@ -88,6 +89,22 @@ dataExchangeSetVerifiedDelivery(dataExchangeLibraryImp* handle, uint32_t enable)
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetStoredName(dataExchangeLibraryImp* handle,
                                                                      size_t bufferSize,
                                                                      char* buffer);
+
+/* dataExchangeSetPackingThreads() : the threads that pack a folder. 1 (the default) packs on
+ * the calling thread. 0 is one thread per available core, N > 1 is N threads, at most 32.
+ * With more than one thread the folder's files are deflated side by side and written in the
+ * folder's order: the archive is byte for byte the one a single thread writes. Except for a
+ * file of 64 MiB or more that holds more than the folder's bytes divided by the threads: it is
+ * deflated in 128 KiB blocks on every thread (as pigz does), so its bytes differ while its
+ * contents, its CRC and every reader's view stay the same. A single file is copied, never
+ * packed, whatever the setting. Messages and results are those of one thread; a failed or
+ * cancelled pack leaves no file and no folder behind. Progress calls and cancelling stay on
+ * the calling thread; cancelling stops every worker within a second.
+ * @return Success; ValueCropped when threads is over 32, with 32 kept and the message "Packing
+ * threads are at most 32; <threads> was cropped"; InvalidArgument for a NULL handle. */
+#define DATAEXCHANGE_MAX_PACKING_THREADS 32
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads);
 
 #ifdef __cplusplus
 }

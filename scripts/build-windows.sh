@@ -227,6 +227,11 @@ check "folder over HTTPS" "$output" "^result=0$" "^name=precalibration_cal7\.zip
 host app cal7/b.csv loc=2
 check "file over HTTPS" "$output" "^result=0$" "^name=precalibration_b\.csv$"
 cmp "$abi/data/cal7/b.csv" "$abi/https/storage/precalibration_b.csv" || fail "file over HTTPS differs"
+# Packing on two threads: the one-thread archive of the same folder, byte for byte.
+host app cal7 loc=2 threads=2
+check "folder on two threads" "$output" "^result=0$"
+cmp "$abi/https/storage/precalibration_cal7.zip" "$abi/https/storage/precalibration_cal7-1.zip" ||
+    fail "folder on two threads: not the archive one thread packs"
 # other\bin has no config.xml: the library looks in ..\data, that is other\data.
 mkdir -p "$abi/other/data"
 config "$abi/other/data" http http

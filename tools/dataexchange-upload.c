@@ -152,7 +152,7 @@ static int exitStatusOf(int32_t result) {
 }
 
 /* The flags that set options; the option's type decides which Set export is called. A flag
- * without an option sets the stall timeout, which is a setting of the handle instead. */
+ * without an option sets the stall timeout or the packing threads, settings of the handle. */
 static const struct {
     const char* flag;
     const char* option;
@@ -175,6 +175,9 @@ static const struct {
     {"--stall-timeout", NULL, Uint32, "SECONDS",
      "abort a request when no data moved for that long; 0, the\n"
      "                   default, waits for the server forever"},
+    {"--threads", NULL, Uint32, "N",
+     "threads that pack a folder: 0, the default, one per core; 1 as\n"
+     "                   the library packs unless asked; at most 32"},
 };
 #define OPTION_FLAG_COUNT (sizeof optionFlags / sizeof optionFlags[0])
 
@@ -298,8 +301,11 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
     int32_t i32 = 0;
     uint32_t u32 = 0;
     uint64_t u64 = 0;
-    if (optionFlags[flag].type == Int32 &&
-        dataExchangeGetInt32Option(handle, name, Current, &i32) == Success)
+    if (name == NULL) /* --threads, the one setting of the handle that is cropped */
+        fprintf(messages, TOOL ": warning: %s stored as %d\n", optionFlags[flag].flag,
+                DATAEXCHANGE_MAX_PACKING_THREADS);
+    else if (optionFlags[flag].type == Int32 &&
+             dataExchangeGetInt32Option(handle, name, Current, &i32) == Success)
         fprintf(messages, TOOL ": warning: %s stored as %" PRId32 "\n", optionFlags[flag].flag,
                 i32);
     else if (optionFlags[flag].type == Uint32 &&
@@ -314,6 +320,8 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
 
 static int32_t applySetting(dataExchangeLibraryImp* handle, const Setting* setting) {
     const char* name = optionFlags[setting->flag].option;
+    if (name == NULL && strcmp(optionFlags[setting->flag].flag, "--threads") == 0)
+        return dataExchangeSetPackingThreads(handle, (uint32_t)setting->unsignedValue);
     if (name == NULL)
         return dataExchangeSetStallTimeout(handle, (uint32_t)setting->unsignedValue);
     switch (optionFlags[setting->flag].type) {
@@ -729,6 +737,8 @@ int main(int argc, char** argv) {
         status = ExitFailure;
         goto done;
     }
+    /* A folder packs on every core unless --threads says otherwise. */
+    result = dataExchangeSetPackingThreads(handle, 0);
     for (i = 0; (size_t)i < settingCount && result == Success; ++i) {
         result = applySetting(handle, &settings[i]);
         if (result == ValueCropped) {

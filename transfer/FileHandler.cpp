@@ -3,6 +3,7 @@
 #include "System.h"
 #include "api/dataExchangeLibraryImp.h"
 #include "options/OptionCatalogue.h"
+#include "transfer/ParallelPacker.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -162,6 +163,9 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
     }
     const QDir dir(folder);
     const QStringList names = dir.entryList(listing, QDir::NoSort);
+    const unsigned threads = ParallelPacker::threadsFor(extensions.packingThreads);
+    if (threads > 1)
+        return _zipInParallel(zip, zipFile, ParallelPacker(dir, names, threads));
     quint64 packed = 0;
     for (const QString& name : names) {
         QuaZipFile entry(&zip);
@@ -209,6 +213,25 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
     zip.close();
     zipFile.close();
     return QFileInfo::exists(QString::fromLocal8Bit(archiveName));
+}
+
+// Unlike one thread, which leaves what it wrote, a failed or cancelled pack on several threads
+// takes the half-written archive and its folder with it.
+bool FileHandler::_zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& packer) {
+    bool packed = packer.pack(zip, zipFile.fileName(), progress, packingTotal);
+    zip.close();
+    zipFile.close();
+    if (packed && zip.getZipError() != ZIP_OK) {
+        QMessageLogger().warning("Couldn't write %s", zipFile.fileName().toUtf8().constData());
+        packed = false;
+    }
+    if (packed)
+        return true;
+    error = packer.error;
+    zipFile.remove();
+    System::removeDirectory(temporaryFolder.c_str());
+    temporaryFolder.clear();
+    return false;
 }
 
 } // namespace measurement::dataExchange

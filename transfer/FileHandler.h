@@ -6,6 +6,7 @@
 #include "server/RequestControl.h"
 #include "transfer/ProgressReporter.h"
 
+#include <QFile>
 #include <QHash>
 #include <QObject>
 #include <QString>
@@ -13,7 +14,11 @@
 #include <cstdint>
 #include <string>
 
+class QuaZip;
+
 namespace measurement::dataExchange {
+
+class ParallelPacker;
 
 class FileHandler : public QObject {
     Q_OBJECT
@@ -51,6 +56,7 @@ private:
     bool _verifySource(const QString& source);
     bool _packData(const QString& source, QString& packedPath);
     bool _zipFolder(const QString& folder, QString& packedPath);
+    bool _zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& packer);
     bool _performUpload(const QString& packedPath, const dataExchangeLocation& location);
     bool _deliverToServer(const QString& packedPath);
     RequestControl _requestControl(uint32_t stage);

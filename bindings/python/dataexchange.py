@@ -162,6 +162,7 @@ def _declare(lib):
         "SetUseConfiguredProxy": [vp, ctypes.c_uint32],
         "SetVerifiedDelivery": [vp, ctypes.c_uint32],
         "GetStoredName": [vp, size, out],
+        "SetPackingThreads": [vp, ctypes.c_uint32],
     }
     for kind, (ctype, _, _) in _NUMBERS.items():
         prototypes["Get%sOption" % kind.name] = [vp, text, ctypes.c_uint32, ctypes.POINTER(ctype)]
@@ -217,9 +218,10 @@ def _text(value) -> bytes:
 class Handle:
     """One library handle. Use it from one thread at a time; close it, or use it in a with
     block. library: a path, a CDLL from load(), or None (see load()). verified: verified
-    delivery (see set_verified_delivery), on unless False is given."""
+    delivery (see set_verified_delivery), on unless False is given. threads: the threads that
+    pack a folder (see set_packing_threads), one per core unless given."""
 
-    def __init__(self, library=None, *, qt_dir=None, verified=True):
+    def __init__(self, library=None, *, qt_dir=None, verified=True, threads=0):
         self._lib = library if isinstance(library, ctypes.CDLL) else load(library, qt_dir)
         message = ctypes.create_string_buffer(1024)
         self._handle = ctypes.c_void_p(self._lib.dataExchangeInit(None, len(message), message))
@@ -230,6 +232,7 @@ class Handle:
         self._progress = None  # the C callback object, kept alive while it is set
         self._progress_error = None
         self.set_verified_delivery(verified)
+        self.set_packing_threads(threads)
 
     def close(self) -> None:
         if self._handle.value:
@@ -367,6 +370,12 @@ class Handle:
         """On: an upload counts only when the server names what it stored, and a failure says
         why; off: any answer of the server counts, as the library does by default."""
         self._call("dataExchangeSetVerifiedDelivery", 1 if enable else 0)
+
+    def set_packing_threads(self, threads: int) -> None:
+        """0: one thread per core; 1: the calling thread alone, as the library packs by default;
+        N: N threads (over 32: a ValueCroppedWarning, and 32). More threads give the same archive,
+        except that a file holding most of a big folder is packed in blocks."""
+        self._call("dataExchangeSetPackingThreads", threads)
 
     def stored_name(self) -> str:
         """The name the server answered for the last upload (it may differ from the delivered

@@ -56,3 +56,16 @@ TEST(UploadArguments, VerifiedDeliveryAndStoredName) {
     EXPECT_STREQ(text, "");
     dataExchangeClose(&handle);
 }
+
+// Packing threads: 0 (one per core) to 32; more are cropped to 32.
+TEST(UploadArguments, PackingThreads) {
+    dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
+    EXPECT_EQ(dataExchangeSetPackingThreads(nullptr, 2), InvalidArgument);
+    EXPECT_EQ(dataExchangeSetPackingThreads(handle, 0), Success);
+    EXPECT_EQ(dataExchangeSetPackingThreads(handle, 32), Success);
+    EXPECT_EQ(dataExchangeSetPackingThreads(handle, 33), ValueCropped);
+    char text[64] = "";
+    dataExchangeGetLastErrors(handle, sizeof text, text);
+    EXPECT_STREQ(text, "Packing threads are at most 32; 33 was cropped\n");
+    dataExchangeClose(&handle);
+}

@@ -9,7 +9,7 @@ EXPECTED = {"dataExchange" + name for name in (
     "SetStringOption UploadData "
     # Opt-in extensions.
     "SetProgressCallback SetStallTimeout SetRemovePackage SetUseConfiguredProxy "
-    "SetVerifiedDelivery GetStoredName").split()}
+    "SetVerifiedDelivery GetStoredName SetPackingThreads").split()}
 
 
 def output(*command):

@@ -51,6 +51,8 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         dataExchangeSetUseConfiguredProxy(handle, number);
     else if (strncmp(argument, "verified=", 9) == 0)
         dataExchangeSetVerifiedDelivery(handle, number);
+    else if (strncmp(argument, "threads=", 8) == 0)
+        dataExchangeSetPackingThreads(handle, number);
 }
 
 int main(int argc, char** argv) {

@@ -20,6 +20,8 @@ class BindingTest(unittest.TestCase):
                 ("User", 5, TypeError, ""), ("Location", -1, OverflowError, ""),
                 ("Email address", "@", dx.DataExchangeError, r"WriteFailed .*\n  Invalid email")]:
             self.assertRaisesRegex(error, message, handle.set, name, value)
+        self.assertRaisesRegex(dx.ValueCroppedWarning, "^Packing threads are at most 32; 40 was",
+                               handle.set_packing_threads, 40)
 
     @unittest.skipUnless(os.name == "posix", "the share root is a local folder on Linux only")
     def test_upload_and_its_progress_function(self):

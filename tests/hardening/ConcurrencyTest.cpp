@@ -1,9 +1,11 @@
 // Several handles uploading at the same time, one thread each, half of them through the shared
-// folder and half through the server: every thread gets its own result, every item arrives whole
-// under its own name. scripts/test.sh also runs this under ThreadSanitizer.
+// folder and half through the server, packing on one, two or every core: every thread gets its own
+// result, every item arrives whole under its own name. scripts/test.sh also runs this under
+// ThreadSanitizer.
 #include "ProcessingSite.h"
 #include "System.h"
 #include "UploadFixture.h"
+#include "dataExchangeExt.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -48,6 +50,7 @@ TEST(Concurrency, HandlesOnSeveralThreadsUploadAtOnce) {
             dataExchangeSetInt32Option(handle, "Device type", 0);
             dataExchangeSetInt32Option(handle, "Data type", Precalibration);
             dataExchangeSetUint32Option(handle, "Location", t % 2 ? Server : SharedFolder);
+            dataExchangeSetPackingThreads(handle, uint32_t(t % 3)); // every core, one, two
             for (int u = 0; u < uploadsPerThread; ++u)
                 results[t][u] = dxtest::upload(handle, data.filePath(label(t, u)));
             dataExchangeClose(&handle);

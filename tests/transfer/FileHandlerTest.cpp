@@ -7,6 +7,10 @@
 #include <QDir>
 #include <QJsonArray>
 #include <QProcess>
+#include <QRegularExpression>
+#include <csignal>
+#include <quazip/quazipfile.h>
+#include <sys/resource.h>
 
 namespace measurement::dataExchange {
 struct FileHandlerProbe {
@@ -85,4 +89,82 @@ TEST_F(Packing, SingleFileIsCopiedAsItIs) {
     EXPECT_EQ(dxtest::readFile(packed), data);
     EXPECT_FALSE(pack(work.filePath("gone.bin")));
     EXPECT_EQ(handler.error, "");
+}
+
+namespace {
+
+QByteArray mixedBytes(int size, int seed) { // runs of text between noise
+    QByteArray bytes;
+    for (quint32 state = quint32(seed) + 1; bytes.size() < size;) {
+        state = state * 1103515245u + 12345u;
+        bytes += (state >> 28) < 6 ? QByteArray::number(state % 1000).repeated(40)
+                                   : QByteArray::number(state, 36);
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+int32_t DATAEXCHANGE_CALL cancelSecond(uint32_t, uint64_t, uint64_t, void* calls) {
+    return ++*static_cast<int*>(calls) == 2;
+}
+
+} // namespace
+
+// Several threads write one thread's archive byte for byte, whatever they are; a file too big to
+// share the work is split into blocks, and every reader, QuaZip's too, gets its bytes back.
+TEST_F(Packing, OnSeveralThreads) {
+    const QString mixed = work.filePath("mixed"), recording = work.filePath("recording");
+    for (int n = 0; n < 30; ++n)
+        ASSERT_TRUE(dxtest::writeFile(mixed + QString("/m%1_\u00e4.csv").arg(n),
+                                      mixedBytes(n % 10 ? n * 3000 : 0, n)));
+    ASSERT_TRUE(dxtest::writeFile(mixed + "/large.bin", mixedBytes(9 << 20, 99)));
+    const QByteArray big = mixedBytes(70 << 20, 7);
+    ASSERT_TRUE(dxtest::writeFile(recording + "/run.bin", big) &&
+                dxtest::writeFile(recording + "/run.txt", "x"));
+    dataExchangeLibraryImp::Extensions extensions;
+    const auto packOn = [&](uint32_t threads, const QString& folder) {
+        extensions.packingThreads = threads;
+        handler.useExtensions(extensions);
+        return pack(folder) ? dxtest::readFile(packed) : QByteArray();
+    };
+    const QByteArray single = packOn(1, mixed);
+    for (uint32_t threads : {2u, 3u, 0u})
+        EXPECT_TRUE(packOn(threads, mixed) == single) << threads;
+    ASSERT_FALSE(packOn(2, recording).isEmpty());
+    EXPECT_EQ(entries().size(), 2);
+    QuaZipFile entry(packed, "run.bin");
+    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(entry.readAll() == big);
+    int calls = 0; // a cancel stops the workers and takes what they wrote
+    extensions.progress = cancelSecond;
+    extensions.progressContext = &calls;
+    EXPECT_TRUE(packOn(2, recording).isEmpty());
+    EXPECT_EQ(calls, 2);
+    EXPECT_FALSE(QFileInfo::exists(QFileInfo(packed).path()));
+}
+
+// A full disk on several threads fails as on one, and leaves nothing behind.
+TEST_F(Packing, DiskFullOnSeveralThreads) {
+    ASSERT_TRUE(dxtest::writeFile(work.filePath("data/a.bin"), mixedBytes(3 << 20, 1)) &&
+                dxtest::writeFile(work.filePath("data/b.bin"), mixedBytes(3 << 20, 2)));
+    static QStringList warnings;
+    qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString& text) { warnings << text; });
+    rlimit limit{}, small{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    small = {256 << 10, limit.rlim_max};
+    std::signal(SIGXFSZ, SIG_IGN);
+    dataExchangeLibraryImp::Extensions extensions;
+    for (uint32_t threads : {1u, 2u}) {
+        extensions.packingThreads = threads;
+        handler.useExtensions(extensions);
+        setrlimit(RLIMIT_FSIZE, &small);
+        EXPECT_FALSE(pack(work.filePath("data")));
+        setrlimit(RLIMIT_FSIZE, &limit);
+        EXPECT_EQ(handler.error, "");
+    }
+    qInstallMessageHandler(nullptr);
+    // Which file a full disk shows in depends on when zip buffers are flushed.
+    EXPECT_EQ(warnings.filter(QRegularExpression("^Couldn't write to .*_data\\.zip$")).size(), 2);
+    EXPECT_FALSE(QFileInfo::exists(packed) || QFileInfo::exists(QFileInfo(packed).path()));
 }
