@@ -7,6 +7,7 @@
 #include <QMessageLogger>
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <quazip/quazip.h>
 #include <quazip/quazipfile.h>
 #include <quazip/quazipnewinfo.h>
@@ -33,7 +34,7 @@ constexpr qint64 smallestSplitFile = 64 * 1024 * 1024;
 // output goes on in a spill file beside the archive. Blocks are small and always kept.
 constexpr qint64 memoryBudget = 8 * 1024 * 1024;
 // How far workers may run ahead of the writer, in pieces per thread: bounds the spill files.
-constexpr size_t lookaheadPerThread = 4;
+constexpr size_t lookaheadPerThread = 2;
 
 qint64 readFully(QFile& file, char* data, qint64 size) {
     qint64 done = 0;
@@ -163,13 +164,20 @@ bool ParallelPacker::_takePiece(size_t& index) {
 
 void ParallelPacker::_work() {
     Deflater deflater;
+    QFile file; // kept open while the pieces come from the same file
+    int openEntry = -1;
     size_t index = 0;
     while (_takePiece(index)) {
         Piece& piece = pieces[index];
+        if (piece.entry != openEntry) {
+            file.close();
+            file.setFileName(folder.filePath(names[piece.entry]));
+            openEntry = file.open(QIODevice::ReadOnly) ? piece.entry : -1;
+        }
         QFile spill(spillFolder + QStringLiteral("/.piece-%1").arg(index));
-        Failure failure = Failure::Read;
-        if (deflater.ready && deflateReset(&deflater.stream) == Z_OK)
-            failure = _deflate(piece, deflater, spill);
+        Failure failure = openEntry < 0 ? Failure::Open : Failure::Read;
+        if (openEntry >= 0 && deflater.ready && deflateReset(&deflater.stream) == Z_OK)
+            failure = _deflate(piece, deflater, file, spill);
         piece.text = deflater.stream.data_type == Z_TEXT;
         spill.close();
         {
@@ -181,10 +189,8 @@ void ParallelPacker::_work() {
     }
 }
 
-ParallelPacker::Failure ParallelPacker::_deflate(Piece& piece, Deflater& deflater, QFile& spill) {
-    QFile file(folder.filePath(names[piece.entry]));
-    if (!file.open(QIODevice::ReadOnly))
-        return Failure::Open;
+ParallelPacker::Failure ParallelPacker::_deflate(Piece& piece, Deflater& deflater, QFile& file,
+                                                 QFile& spill) {
     char* const data = deflater.input.data();
     uLong crc = crc32(0, nullptr, 0);
     if (piece.kind == Kind::Checksum) {
@@ -265,11 +271,20 @@ bool ParallelPacker::_drain(Piece& piece, Deflater& deflater, char* input, qint6
 
 bool ParallelPacker::_keep(Piece& piece, const char* data, qint64 size, QFile& spill) {
     if (!spill.isOpen()) {
-        std::lock_guard<std::mutex> lock(mutex);
+        std::unique_lock<std::mutex> lock(mutex);
         if (piece.kind == Kind::Block || heldBytes + size <= memoryBudget) {
             heldBytes += size;
             piece.heldBytes += size;
-            piece.chunks.emplace_back(data, int(size));
+            Chunk chunk{nullptr, size};
+            if (!spareBuffers.empty()) {
+                chunk.data = std::move(spareBuffers.back());
+                spareBuffers.pop_back();
+            }
+            lock.unlock();
+            if (!chunk.data)
+                chunk.data.reset(new char[size_t(chunkSize)]);
+            std::memcpy(chunk.data.get(), data, size_t(size));
+            piece.chunks.push_back(std::move(chunk));
             return true;
         }
     }
@@ -378,14 +393,16 @@ bool ParallelPacker::_waitFor(size_t index, ProgressReporter& progress, quint64 
 }
 
 bool ParallelPacker::_writePiece(QuaZipFile& file, Piece& piece) {
-    for (const QByteArray& chunk : piece.chunks)
-        if (file.write(chunk) != chunk.size())
+    for (const Chunk& chunk : piece.chunks)
+        if (file.write(chunk.data.get(), chunk.size) != chunk.size)
             return false;
     {
         std::lock_guard<std::mutex> lock(mutex);
         heldBytes -= piece.heldBytes;
+        for (Chunk& chunk : piece.chunks)
+            spareBuffers.push_back(std::move(chunk.data));
     }
-    piece.chunks = {};
+    piece.chunks.clear();
     if (piece.spill.isEmpty())
         return true;
     QFile spill(piece.spill);

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -50,6 +51,11 @@ private:
     enum class Failure { None, Open, Read, Spill };
     // A whole file; a part of a split file whose CRC is taken; or a block of it to deflate.
     enum class Kind { Whole, Checksum, Block };
+    // Output kept in memory for the writer: a buffer of chunkSize bytes and how much it holds.
+    struct Chunk {
+        std::unique_ptr<char[]> data;
+        qint64 size = 0;
+    };
     // One worker's task.
     struct Piece {
         Kind kind = Kind::Whole;
@@ -57,7 +63,7 @@ private:
         qint64 offset = 0;
         qint64 length = -1; // -1: the whole file
         // Written by the worker, read by the writer once done is set.
-        std::vector<QByteArray> chunks;
+        std::vector<Chunk> chunks;
         qint64 heldBytes = 0;
         QString spill; // the file holding the rest of the output, once memory was full
         quint32 crc = 0;
@@ -71,7 +77,7 @@ private:
     void _plan();
     void _work();
     bool _takePiece(size_t& index);
-    Failure _deflate(Piece& piece, Deflater& deflater, QFile& spill);
+    Failure _deflate(Piece& piece, Deflater& deflater, QFile& file, QFile& spill);
     bool _drain(Piece& piece, Deflater& deflater, char* input, qint64 size, int flush,
                 QFile& spill);
     bool _keep(Piece& piece, const char* data, qint64 size, QFile& spill);
@@ -95,6 +101,9 @@ private:
     size_t nextPiece = 0; // the first piece no worker has taken
     size_t writing = 0;   // the piece the writer waits for or writes
     qint64 heldBytes = 0; // output kept in memory, all pieces together
+    // Buffers written out, for workers to fill again: a pack keeps the memory its busiest moment
+    // needed, however big the folder, instead of leaving every worker's heap fragmented.
+    std::vector<std::unique_ptr<char[]>> spareBuffers;
     std::atomic<bool> stopping{false};
     std::atomic<quint64> bytesRead{0};
 };
