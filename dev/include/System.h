@@ -40,6 +40,10 @@ public:
     // Safe to call from several threads: uploads on different handles may run at once.
     std::string createTemporaryFolder();
 
+    // Copies a file into a new one (never over an existing file) with the source's permission
+    // bits, the kernel moving the bytes. False, with nothing left at target, where it cannot:
+    // always on Windows, where QFile::copy already hands the copy to the system's CopyFile.
+    static bool copyFile(const char* source, const char* target);
     // Removes one empty folder; a failure is explained on the debug output.
     static bool removeDirectory(const char* path);
     // Deletes the files first and keeps every folder if one of them resists; then removes the

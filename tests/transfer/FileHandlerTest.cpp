@@ -81,12 +81,15 @@ TEST_F(Packing, SingleFileIsCopiedAsItIs) {
     QByteArray data;
     for (int n = 0; n < 100000; ++n)
         data.append(char(n * 7));
-    ASSERT_TRUE(dxtest::writeFile(work.filePath("run.bin"), data));
+    ASSERT_TRUE(dxtest::writeFile(work.filePath("run.bin"), data) &&
+                QFile::setPermissions(work.filePath("run.bin"),
+                                      QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup));
     handler.dataType = "datalogger";
     ASSERT_TRUE(pack(work.filePath("run.bin")));
     EXPECT_EQ(QFileInfo(packed).fileName(), "datalogger_run.bin");
     EXPECT_TRUE(QFileInfo(packed).isAbsolute());
     EXPECT_EQ(dxtest::readFile(packed), data);
+    EXPECT_EQ(QFileInfo(packed).permissions(), QFileInfo(work.filePath("run.bin")).permissions());
     EXPECT_FALSE(pack(work.filePath("gone.bin")));
     EXPECT_EQ(handler.error, "");
 }

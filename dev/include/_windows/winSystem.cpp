@@ -71,6 +71,10 @@ std::string System::createTemporaryFolder() {
     return folder;
 }
 
+bool System::copyFile(const char*, const char*) {
+    return false;
+}
+
 bool System::removeDirectory(const char* path) {
     if (_rmdir(path) == 0)
         return true;
