@@ -33,7 +33,10 @@ constexpr qint64 smallestSplitFile = 64 * 1024 * 1024;
 // Output of whole files kept in memory for the writer, all workers together; past it, a file's
 // output goes on in a spill file beside the archive. Blocks are small and always kept.
 constexpr qint64 memoryBudget = 8 * 1024 * 1024;
-// How far workers may run ahead of the writer, in pieces per thread: bounds the spill files.
+// How far workers may run ahead of the writer, in pieces: far enough that small files keep the
+// threads busy while the writer waits for a big one; two a thread at most beyond that, which
+// bounds the spill files and the blocks of a split file held in memory.
+constexpr size_t leastLookahead = 16;
 constexpr size_t lookaheadPerThread = 2;
 
 qint64 readFully(QFile& file, char* data, qint64 size) {
@@ -75,7 +78,8 @@ unsigned ParallelPacker::threadsFor(uint32_t setting) {
 }
 
 ParallelPacker::ParallelPacker(const QDir& folder, const QStringList& names, unsigned threads)
-    : folder(folder), names(names), threadCount(threads), lookahead(lookaheadPerThread * threads) {
+    : folder(folder), names(names), threadCount(threads),
+      lookahead(std::max(leastLookahead, lookaheadPerThread * threads)) {
     _plan();
 }
 
