@@ -116,6 +116,7 @@ void ParallelPacker::_plan() {
             add(Kind::Checksum, entry, offset, std::min(checksumSize, size - offset));
         for (qint64 offset = 0; offset < size; offset += blockSize)
             add(Kind::Block, entry, offset, std::min(blockSize, size - offset));
+        pieces.back().last = true; // planned, so that a file that grows still gets its end
     }
 }
 
@@ -180,6 +181,7 @@ void ParallelPacker::_work() {
         }
         QFile spill(spillFolder + QStringLiteral("/.piece-%1").arg(index));
         Failure failure = openEntry < 0 ? Failure::Open : Failure::Read;
+        deflater.stream.avail_out = 0; // nothing left over from a piece that failed
         if (openEntry >= 0 && deflater.ready && deflateReset(&deflater.stream) == Z_OK)
             failure = _deflate(piece, deflater, file, spill);
         piece.text = deflater.stream.data_type == Z_TEXT;
@@ -222,9 +224,8 @@ ParallelPacker::Failure ParallelPacker::_deflate(Piece& piece, Deflater& deflate
             return Failure::Read;
         piece.size = piece.length;
         bytesRead += quint64(piece.length);
-        const bool last = piece.offset + piece.length >= file.size();
-        return _drain(piece, deflater, data + primed, piece.length, last ? Z_FINISH : Z_SYNC_FLUSH,
-                      spill)
+        return _drain(piece, deflater, data + primed, piece.length,
+                      piece.last ? Z_FINISH : Z_SYNC_FLUSH, spill)
                    ? Failure::None
                    : Failure::Spill;
     }
@@ -269,7 +270,6 @@ bool ParallelPacker::_drain(Piece& piece, Deflater& deflater, char* input, qint6
     if (flush == Z_NO_FLUSH)
         return true;
     const qint64 left = chunkSize - qint64(stream.avail_out);
-    stream.avail_out = 0; // the next piece starts with an empty buffer
     return left == 0 || _keep(piece, deflater.output.data(), left, spill);
 }
 

@@ -62,6 +62,7 @@ private:
         int entry = 0;
         qint64 offset = 0;
         qint64 length = -1; // -1: the whole file
+        bool last = false;  // a split file's last block, which ends the deflate stream
         // Written by the worker, read by the writer once done is set.
         std::vector<Chunk> chunks;
         qint64 heldBytes = 0;
