@@ -46,6 +46,11 @@ std::string quoted(const QString& text) {
     return "'" + text.toStdString() + "'";
 }
 
+// Only a folder's own files are sent: a folder with sub-folders is refused as a whole.
+std::string subFolderRefused(const QString& name) {
+    return "Subdirectory '" + name.toStdString() + "' contents will be skipped";
+}
+
 bool hasNonAsciiName(const QString& folder) {
     for (const QString& name : QDir(folder).entryList(listing, QDir::NoSort))
         for (const QChar c : name)
@@ -184,9 +189,8 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
                                      archiveName.constData());
             return false;
         }
-        // Only a folder's own files are sent: a folder with sub-folders is refused as a whole.
         if (isFolder) {
-            error = "Subdirectory '" + name.toStdString() + "' contents will be skipped";
+            error = subFolderRefused(name);
             return false;
         }
         debugPrint("Adding file %s", utf8Name.constData());
@@ -232,7 +236,8 @@ bool FileHandler::_zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& p
     }
     if (packed)
         return true;
-    error = packer.error;
+    if (!packer.refusedFolder.isEmpty())
+        error = subFolderRefused(packer.refusedFolder);
     zipFile.remove();
     System::removeDirectory(temporaryFolder.c_str());
     temporaryFolder.clear();

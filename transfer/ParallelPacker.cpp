@@ -306,7 +306,7 @@ bool ParallelPacker::_writeEntry(QuaZip& zip, int entry, size_t& next, ProgressR
     const QString filePath = folder.filePath(name);
     // Only a folder's own files are sent: a folder with sub-folders is refused as a whole.
     if (QFileInfo(filePath).isDir()) {
-        error = "Subdirectory '" + name.toStdString() + "' contents will be skipped";
+        refusedFolder = name;
         return false;
     }
     const QByteArray utf8Path = filePath.toUtf8();
@@ -359,8 +359,8 @@ bool ParallelPacker::_writeEntry(QuaZip& zip, int entry, size_t& next, ProgressR
         if (!_waitFor(next, progress, progressTotal) || failed(pieces[next]))
             return false;
         if (!_writePiece(file, pieces[next])) {
-            QMessageLogger().warning("Couldn't write to %s in %s", utf8Path.constData(),
-                                     archiveName.constData());
+            pieces[next].failure = Failure::Spill; // a write to the archive warns the same way
+            failed(pieces[next]);
             return false;
         }
         if (!progress.update(StagePacking, bytesRead, progressTotal))

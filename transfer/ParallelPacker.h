@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -40,12 +39,13 @@ public:
     ParallelPacker& operator=(const ParallelPacker&) = delete;
 
     // Writes every name of the folder into zip, an archive open for creation at archivePath,
-    // reporting progress and stopping when the host cancels. A failure names itself as the
-    // single-threaded path does: in error, or with a warning only. No spill file outlives it.
+    // reporting progress and stopping when the host cancels. A failure warns as the
+    // single-threaded path does, or names the sub-folder that refused the folder in
+    // refusedFolder. No spill file outlives it.
     bool pack(QuaZip& zip, const QString& archivePath, ProgressReporter& progress,
               quint64 progressTotal);
 
-    std::string error;
+    QString refusedFolder;
 
 private:
     enum class Failure { None, Open, Read, Spill };
