@@ -16,9 +16,22 @@ template <typename Apply> int32_t setExtension(dataExchangeLibraryImp* handle, A
     return Success;
 }
 
-} // namespace
-
 using Extensions = dataExchangeLibraryImp::Extensions;
+
+// A switch with room for more modes later: only 0 and 1 mean something today.
+// `subject` carries its verb: "Verified delivery is", "Unicode paths are".
+int32_t setSwitch(dataExchangeLibraryImp* handle, const char* subject, uint32_t enable,
+                  bool Extensions::*member) {
+    if (handle != nullptr && enable > 1) {
+        handle->clearErrors();
+        handle->appendError(std::string(subject) + " 0 (off) or 1 (on), not " +
+                            std::to_string(enable));
+        return InvalidArgument;
+    }
+    return setExtension(handle, [&](Extensions& e) { e.*member = enable == 1; });
+}
+
+} // namespace
 
 extern "C" {
 
@@ -47,14 +60,7 @@ dataExchangeSetUseConfiguredProxy(dataExchangeLibraryImp* handle, uint32_t enabl
 
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
 dataExchangeSetVerifiedDelivery(dataExchangeLibraryImp* handle, uint32_t enable) {
-    // A flag with room for more modes later: only 0 and 1 mean something today.
-    if (handle != nullptr && enable > 1) {
-        handle->clearErrors();
-        handle->appendError("Verified delivery is 0 (off) or 1 (on), not " +
-                            std::to_string(enable));
-        return InvalidArgument;
-    }
-    return setExtension(handle, [&](Extensions& e) { e.verifiedDelivery = enable == 1; });
+    return setSwitch(handle, "Verified delivery is", enable, &Extensions::verifiedDelivery);
 }
 
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetStoredName(dataExchangeLibraryImp* handle,
@@ -77,6 +83,11 @@ dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads) 
     handle->appendError("Packing threads are at most " + std::to_string(kept) + "; " +
                         std::to_string(threads) + " was cropped");
     return ValueCropped;
+}
+
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetUnicodePaths(dataExchangeLibraryImp* handle, uint32_t enable) {
+    return setSwitch(handle, "Unicode paths are", enable, &Extensions::unicodePaths);
 }
 
 } // extern "C"

@@ -83,6 +83,7 @@ struct dataExchangeLibraryImp {
         bool useConfiguredProxy = false;
         bool verifiedDelivery = false;
         uint32_t packingThreads = 1;
+        bool unicodePaths = false;
     };
     Extensions extensions;
     // The server's answer to the last upload: the name it stored the item under.

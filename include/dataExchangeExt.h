@@ -1,6 +1,7 @@
 /*
  * dataExchange extensions: progress and cancel, a stall timeout, removal of the packed item, the
- * proxy of config.xml, verified delivery and packing on several threads. Each is opt-in per
+ * proxy of config.xml, verified delivery, packing on several threads and Unicode paths. Each is
+ * opt-in per
  * handle; a handle that never calls these exports behaves exactly as one of a library without
  * them.
  *
@@ -105,6 +106,20 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetStoredName(dataExchang
 #define DATAEXCHANGE_MAX_PACKING_THREADS 32
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
 dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads);
+
+/* dataExchangeSetUnicodePaths() : 0 (the default) takes the path of dataExchangeUploadData as
+ * the system's narrow file functions do: on Windows in the ANSI code page, where a name outside
+ * it cannot even be given and a temporary folder under a non-ASCII user name fails packing.
+ * 1: the path is UTF-8 on every platform, and on Windows every file-system step of the upload
+ * (the existence check, the temporary folder from GetTempPathW, packing, the copy, the move to
+ * the shared folder, the ".info", the removal of temporary folders) works on the real name,
+ * whatever its characters; messages and debug lines carry names in UTF-8. A path that is not
+ * UTF-8 is refused with ReadFailed and "File or folder name is not valid UTF-8 at byte <offset>:
+ * '<path, other bytes as \xNN>'". On Linux, where names already are UTF-8, nothing else changes.
+ * @return Success; InvalidArgument for a NULL handle, or for a value other than 0 and 1 with
+ * the message "Unicode paths are 0 (off) or 1 (on), not <value>". */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetUnicodePaths(dataExchangeLibraryImp* handle, uint32_t enable);
 
 #ifdef __cplusplus
 }

@@ -9,7 +9,6 @@ TEST(UploadArguments, RefusedWithResultAndMessage) {
     EXPECT_EQ(dataExchangeSetStallTimeout(nullptr, 1), InvalidArgument);
     EXPECT_EQ(dataExchangeSetRemovePackage(nullptr, 1), InvalidArgument);
     EXPECT_EQ(dataExchangeSetUseConfiguredProxy(nullptr, 1), InvalidArgument);
-    EXPECT_EQ(dataExchangeSetVerifiedDelivery(nullptr, 1), InvalidArgument);
     EXPECT_EQ(dataExchangeGetStoredName(nullptr, 0, nullptr), InvalidArgument);
     char buffer[8];
     uint32_t used = 0;
@@ -44,13 +43,25 @@ TEST(UploadArguments, RefusedWithResultAndMessage) {
     }
 }
 
-// Verified delivery takes 0 or 1; the stored name is "" until an upload got an answer.
-TEST(UploadArguments, VerifiedDeliveryAndStoredName) {
+// The switches take 0 or 1; the stored name is "" until an upload got an answer.
+TEST(UploadArguments, SwitchesAndStoredName) {
     dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
-    EXPECT_EQ(dataExchangeSetVerifiedDelivery(handle, 2), InvalidArgument);
-    char text[64] = "#";
-    dataExchangeGetLastErrors(handle, sizeof text, text);
-    EXPECT_STREQ(text, "Verified delivery is 0 (off) or 1 (on), not 2\n");
+    using Switch = int32_t(DATAEXCHANGE_CALL*)(dataExchangeLibraryImp*, uint32_t);
+    const struct {
+        Switch set;
+        const char* refusal;
+    } switches[] = {
+        {dataExchangeSetVerifiedDelivery, "Verified delivery is 0 (off) or 1 (on), not 2\n"},
+        {dataExchangeSetUnicodePaths, "Unicode paths are 0 (off) or 1 (on), not 2\n"},
+    };
+    char text[64];
+    for (const auto& s : switches) {
+        EXPECT_EQ(s.set(nullptr, 1), InvalidArgument);
+        EXPECT_EQ(s.set(handle, 1), Success);
+        EXPECT_EQ(s.set(handle, 2), InvalidArgument);
+        dataExchangeGetLastErrors(handle, sizeof text, text);
+        EXPECT_STREQ(text, s.refusal);
+    }
     EXPECT_EQ(dataExchangeGetStoredName(handle, 8, nullptr), InvalidArgument);
     EXPECT_EQ(dataExchangeGetStoredName(handle, sizeof text, text), Success);
     EXPECT_STREQ(text, "");
