@@ -114,8 +114,11 @@ dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads);
  * (the existence check, the temporary folder from GetTempPathW, packing, the copy, the move to
  * the shared folder, the ".info", the removal of temporary folders) works on the real name,
  * whatever its characters; messages and debug lines carry names in UTF-8. A path that is not
- * UTF-8 is refused with ReadFailed and "File or folder name is not valid UTF-8 at byte <offset>:
- * '<path, other bytes as \xNN>'". On Linux, where names already are UTF-8, nothing else changes.
+ * UTF-8 is refused with ReadFailed and "File or folder name is not valid UTF-8 at byte offset
+ * <n>: '<path, bytes outside UTF-8 as \xNN>'" (n counts from 0). On Linux, where names already
+ * are UTF-8, nothing else changes. With the mode off and verified delivery on, a path (of the
+ * item, or of the temporary folder) that is not UTF-8 fails the upload with DataHandlingFailed
+ * and a message that names this switch.
  * @return Success; InvalidArgument for a NULL handle, or for a value other than 0 and 1 with
  * the message "Unicode paths are 0 (off) or 1 (on), not <value>". */
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL

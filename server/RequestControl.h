@@ -16,6 +16,9 @@ struct RequestControl {
     // Verified delivery: a failed request names its causes, an upload answer that names nothing
     // is a failure, and the job form is encoded so that PHP decodes every value as it was.
     bool verified = false;
+    // Unicode paths: the upload names its file in UTF-8, not in the system's 8-bit encoding, so
+    // the server stores it under its real name.
+    bool utf8FileName = false;
 };
 
 } // namespace measurement::dataExchange

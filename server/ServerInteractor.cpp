@@ -180,9 +180,10 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
     QHttpPart part;
     part.setHeader(QNetworkRequest::ContentTypeHeader,
                    QByteArrayLiteral("application/octet-stream"));
+    const QString fileName = QFileInfo(filePath).fileName();
     part.setHeader(QNetworkRequest::ContentDispositionHeader,
                    QByteArrayLiteral("form-data; name=\"file\"; filename=\"") +
-                       QFileInfo(filePath).fileName().toLocal8Bit() + '"');
+                       (control.utf8FileName ? fileName.toUtf8() : fileName.toLocal8Bit()) + '"');
     part.setBodyDevice(&file); // streamed: the file is never loaded whole
     auto* multiPart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
     multiPart->append(part);

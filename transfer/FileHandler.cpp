@@ -1,6 +1,7 @@
 #include "transfer/FileHandler.h"
 
 #include "System.h"
+#include "UnicodePaths.h"
 #include "api/dataExchangeLibraryImp.h"
 #include "options/OptionCatalogue.h"
 #include "transfer/ParallelPacker.h"
@@ -65,6 +66,7 @@ FileHandler::FileHandler(QObject* parent) : QObject(parent) {}
 
 void FileHandler::useExtensions(const dataExchangeLibraryImp::Extensions& settings) {
     extensions = settings;
+    pathMode = UploadPaths(settings.unicodePaths);
     progress = ProgressReporter(settings.progress, settings.progressContext);
 }
 
@@ -126,12 +128,19 @@ bool FileHandler::_packData(const QString& source, QString& packedPath) {
         if (!progress.report(StagePacking, 0, packingTotal))
             return false;
     }
-    const std::string folder = System::instance().createTemporaryFolder();
+    const std::string folder = pathMode.makeTemporaryFolder();
     if (folder.empty()) {
         error = "Could not create temporary directory";
         return false;
     }
     temporaryFolder = folder;
+    // A temporary folder under a user name outside UTF-8 (the ANSI one of "Jörg") cannot be read
+    // back as UTF-8 below; verified delivery says so rather than fail on a mangled name.
+    const size_t notUtf8 = UnicodePaths::invalidUtf8Offset(folder);
+    if (extensions.verifiedDelivery && !pathMode.unicode() && notUtf8 != std::string::npos) {
+        error = UploadPaths::needsUnicode("Temporary folder", folder, notUtf8);
+        return false;
+    }
     packedPath = QString::fromStdString(folder);
     const QFileInfo info(source);
     if (info.isDir())
@@ -157,7 +166,7 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
     sourceName = QDir(folder).dirName();
     packageName = QStringLiteral("%1_%2.zip").arg(dataType, sourceName);
     packedPath = QDir(packedPath).absoluteFilePath(packageName);
-    const QByteArray archiveName = packedPath.toLocal8Bit();
+    const QByteArray archiveName = pathMode.bytes(packedPath);
     QFile zipFile(packedPath, this);
     if (!zipFile.open(QIODevice::WriteOnly))
         return false;
@@ -175,7 +184,7 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
     const QStringList names = dir.entryList(listing, QDir::NoSort);
     const unsigned threads = ParallelPacker::threadsFor(extensions.packingThreads);
     if (threads > 1)
-        return _zipInParallel(zip, zipFile, ParallelPacker(dir, names, threads));
+        return _zipInParallel(zip, zipFile, ParallelPacker(dir, names, threads), archiveName);
     quint64 packed = 0;
     for (const QString& name : names) {
         QuaZipFile entry(&zip);
@@ -221,13 +230,14 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
     }
     zip.close();
     zipFile.close();
-    return QFileInfo::exists(QString::fromLocal8Bit(archiveName));
+    return QFileInfo::exists(pathMode.fromBytes(archiveName));
 }
 
 // Unlike one thread, which leaves what it wrote, a failed or cancelled pack on several threads
 // takes the half-written archive and its folder with it.
-bool FileHandler::_zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& packer) {
-    bool packed = packer.pack(zip, zipFile.fileName(), progress, packingTotal);
+bool FileHandler::_zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& packer,
+                                 const QByteArray& archiveName) {
+    bool packed = packer.pack(zip, zipFile.fileName(), archiveName, progress, packingTotal);
     zip.close();
     zipFile.close();
     if (packed && zip.getZipError() != ZIP_OK) {
@@ -239,7 +249,7 @@ bool FileHandler::_zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& p
     if (!packer.refusedFolder.isEmpty())
         error = subFolderRefused(packer.refusedFolder);
     zipFile.remove();
-    System::removeDirectory(temporaryFolder.c_str());
+    pathMode.removeFolder(temporaryFolder);
     temporaryFolder.clear();
     return false;
 }

@@ -5,6 +5,7 @@
 #include "api/dataExchangeLibraryImp.h"
 #include "server/RequestControl.h"
 #include "transfer/ProgressReporter.h"
+#include "transfer/UploadPaths.h"
 
 #include <QFile>
 #include <QHash>
@@ -37,6 +38,8 @@ public:
 
     // Opt-in behaviour set on the handle: progress and cancel, stall timeout, proxy.
     void useExtensions(const dataExchangeLibraryImp::Extensions& settings);
+    // How this upload names files to the system.
+    const UploadPaths& paths() const { return pathMode; }
 
     QString timeStamp;
     QString dataType;
@@ -56,13 +59,15 @@ private:
     bool _verifySource(const QString& source);
     bool _packData(const QString& source, QString& packedPath);
     bool _zipFolder(const QString& folder, QString& packedPath);
-    bool _zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& packer);
+    bool _zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& packer,
+                        const QByteArray& archiveName);
     bool _performUpload(const QString& packedPath, const dataExchangeLocation& location);
     bool _deliverToServer(const QString& packedPath);
     RequestControl _requestControl(uint32_t stage);
     bool _stopped();
 
     dataExchangeLibraryImp::Extensions extensions;
+    UploadPaths pathMode;
     ProgressReporter progress{nullptr, nullptr};
     quint64 packingTotal = 0;
     quint64 uploadTotal = 0;

@@ -60,12 +60,12 @@ QMap<QString, QString> formFields(const QHash<QString, QVariant>& settings) {
 }
 
 // config.xml beside the calling application, else in its "../data" folder; empty if neither.
-QString findConfiguration() {
+QString findConfiguration(const UploadPaths& paths) {
     // Qt fills its cached application path without a lock; asking once per process keeps
     // uploads on several threads from racing on it. The path does not change while running.
     static const QString applicationFolder = QCoreApplication::applicationDirPath();
     const QDir appDir(applicationFolder);
-    debugPrint("Calling application lies in %s", appDir.absolutePath().toLocal8Bit().constData());
+    debugPrint("Calling application lies in %s", paths.bytes(appDir.absolutePath()).constData());
     if (QFileInfo::exists(appDir.filePath("config.xml")))
         return appDir.filePath("config.xml");
     if (QFileInfo::exists(appDir.filePath("../data/config.xml")))
@@ -154,12 +154,12 @@ bool FileHandler::_performUpload(const QString& packedPath, const dataExchangeLo
 
 bool FileHandler::_deliverToServer(const QString& packedPath) {
     ServerInteractor interactor(formFields(settings), nullptr);
-    const QString configPath = findConfiguration();
+    const QString configPath = findConfiguration(pathMode);
     if (configPath.isEmpty()) {
         error = "Could not find any config.xml file";
         return false;
     }
-    debugPrint("Found config file %s", configPath.toLocal8Bit().constData());
+    debugPrint("Found config file %s", pathMode.bytes(configPath).constData());
     if (!interactor.readConfiguration(configPath)) {
         error.clear();
         error = interactor.lastError();
@@ -205,6 +205,7 @@ RequestControl FileHandler::_requestControl(uint32_t stage) {
     RequestControl control;
     control.stallTimeoutSeconds = extensions.stallTimeoutSeconds;
     control.verified = extensions.verifiedDelivery;
+    control.utf8FileName = pathMode.unicode();
     if (!progress.active())
         return control;
     control.progress = [this, stage](quint64 done, quint64 total) {

@@ -120,9 +120,9 @@ void ParallelPacker::_plan() {
     }
 }
 
-bool ParallelPacker::pack(QuaZip& zip, const QString& archivePath, ProgressReporter& progress,
-                          quint64 progressTotal) {
-    archiveName = archivePath.toLocal8Bit();
+bool ParallelPacker::pack(QuaZip& zip, const QString& archivePath, const QByteArray& name,
+                          ProgressReporter& progress, quint64 progressTotal) {
+    archiveName = name;
     spillFolder = QFileInfo(archivePath).absolutePath();
     try {
         for (unsigned n = 0; n < threadCount; ++n)

@@ -38,12 +38,13 @@ public:
     ParallelPacker(const ParallelPacker&) = delete;
     ParallelPacker& operator=(const ParallelPacker&) = delete;
 
-    // Writes every name of the folder into zip, an archive open for creation at archivePath,
-    // reporting progress and stopping when the host cancels. A failure warns as the
+    // Writes every name of the folder into zip, an archive open for creation at archivePath
+    // (archiveName: as warnings show it), reporting progress and stopping when the host
+    // cancels. A failure warns as the
     // single-threaded path does, or names the sub-folder that refused the folder in
     // refusedFolder. No spill file outlives it.
-    bool pack(QuaZip& zip, const QString& archivePath, ProgressReporter& progress,
-              quint64 progressTotal);
+    bool pack(QuaZip& zip, const QString& archivePath, const QByteArray& archiveName,
+              ProgressReporter& progress, quint64 progressTotal);
 
     QString refusedFolder;
 

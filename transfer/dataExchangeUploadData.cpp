@@ -1,13 +1,16 @@
 // The upload export: checks its arguments, runs a FileHandler and reports the outcome.
 #include "System.h"
+#include "UnicodePaths.h"
 #include "api/dataExchangeLibraryImp.h"
 #include "transfer/FileHandler.h"
+#include "transfer/UploadPaths.h"
 
 #include <cstring>
 #include <string>
 
-using measurement::System;
+using measurement::UnicodePaths;
 using measurement::dataExchange::FileHandler;
+using measurement::dataExchange::UploadPaths;
 
 namespace {
 
@@ -47,7 +50,11 @@ dataExchangeUploadData(dataExchangeLibraryImp* handle, const char* fileOrFolderN
         return fail(*handle, message::emptyName(), InvalidArgument);
     if (writtenFileNameSize == 0 && writtenFileName != nullptr)
         return fail(*handle, message::emptyBuffer(), InvalidArgument);
-    if (System::pathKind(fileOrFolderName) == 0)
+    const UploadPaths paths(handle->extensions.unicodePaths);
+    const size_t notUtf8 = UnicodePaths::invalidUtf8Offset(fileOrFolderName);
+    if (paths.unicode() && notUtf8 != std::string::npos)
+        return fail(*handle, UploadPaths::notUtf8(fileOrFolderName, notUtf8), ReadFailed);
+    if (paths.kind(fileOrFolderName) == 0)
         return fail(*handle, message::missing(fileOrFolderName), ReadFailed);
 
     FileHandler handler;
@@ -59,13 +66,18 @@ dataExchangeUploadData(dataExchangeLibraryImp* handle, const char* fileOrFolderN
         bool enabled;
         ~RemovePackage() {
             if (enabled && !handler.temporaryFolder.empty())
-                System::removeDirectoryRecursively(handler.temporaryFolder);
+                handler.paths().removeTree(handler.temporaryFolder);
         }
     } removePackage{handler, handle->extensions.removePackage};
     if (!handler.configure(handle))
         return fail(*handle,
                     message::orFallback(handler.error, "Unknown error configuring file handler"),
                     HandlerConfigurationFailed);
+    // Read as UTF-8 below, a path in the ANSI code page comes out mangled and packing fails for
+    // no reason the host could see; verified delivery names the cause and the remedy.
+    if (handle->extensions.verifiedDelivery && !paths.unicode() && notUtf8 != std::string::npos)
+        return fail(*handle, UploadPaths::needsUnicode("File or folder", fileOrFolderName, notUtf8),
+                    DataHandlingFailed);
     QString name;
     uint32_t used = 0;
     const bool delivered = handler.handleData(QString::fromUtf8(fileOrFolderName), name, used);

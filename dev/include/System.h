@@ -56,6 +56,8 @@ public:
     // Appended to under temporaryFoldersMutex; read without it only once no upload can run
     // (at unload, or in a test after its uploads returned).
     std::list<std::string> temporaryFolders;
+    // The same for folders made in the Unicode path mode, as UTF-8 (UnicodePaths).
+    std::list<std::string> unicodeTemporaryFolders;
     std::mutex temporaryFoldersMutex;
 
 private:

@@ -7,6 +7,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <list>
+#include <string>
 
 namespace measurement::platform {
 
@@ -35,6 +37,38 @@ inline bool formatDebugLine(DebugLine& line, const char* format, va_list args) {
     line[length] = '\n';
     line[length + 1] = '\0';
     return true;
+}
+
+// Removes a tree the same way on every platform and for every way a path is held. `Files`
+// supplies findFiles (the walk, pre-order), deleteFile, removeDirectory and lastError.
+template <class Files> bool removeTree(const std::string& path) {
+    std::list<FileEntry> entries;
+    if (!Files::findFiles(path, entries))
+        return false;
+    entries.push_front({path, true});
+
+    // Folders are only touched once every file is gone, so a tree that resists stays whole.
+    bool filesErased = true;
+    for (const FileEntry& entry : entries) {
+        if (!entry.isDirectory && !Files::deleteFile(entry.path)) {
+            debugPrint("Could not erase file %s", entry.path.c_str());
+            filesErased = false;
+        }
+    }
+    if (!filesErased)
+        return false;
+    entries.remove_if([](const FileEntry& entry) { return !entry.isDirectory; });
+
+    // Pre-order reversed: every folder goes after the folders inside it.
+    bool removed = true;
+    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
+        if (!Files::removeDirectory(entry->path.c_str())) {
+            debugPrint("Could not erase directory %s error is %d", entry->path.c_str(),
+                       Files::lastError());
+            removed = false;
+        }
+    }
+    return removed;
 }
 
 } // namespace measurement::platform

@@ -53,6 +53,8 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         dataExchangeSetVerifiedDelivery(handle, number);
     else if (strncmp(argument, "threads=", 8) == 0)
         dataExchangeSetPackingThreads(handle, number);
+    else if (strncmp(argument, "unicode=", 8) == 0)
+        dataExchangeSetUnicodePaths(handle, number);
 }
 
 int main(int argc, char** argv) {

@@ -1,5 +1,6 @@
 // The platform layer on real folders: the same cases on Linux and on Windows (under Wine).
 #include "System.h"
+#include "UnicodePaths.h"
 
 #include <gtest/gtest.h>
 
@@ -24,12 +25,14 @@
 
 namespace fs = std::filesystem;
 using measurement::System;
+using measurement::UnicodePaths;
 
 namespace {
 
 #ifdef _WIN32
 const char *const sourceFile = "winSystem.cpp", *const tempVariable = "TMP=";
 const char* const finalSeparator = ""; // _stat refuses a folder named with one
+const std::string separator = "\\";
 const int lockedFolderCode = ERROR_SHARING_VIOLATION, notEmptyFolderCode = ERROR_DIR_NOT_EMPTY,
           fileRmdirErrno = EINVAL; // of removing a plain file as a folder
 
@@ -54,9 +57,29 @@ std::function<void()> lock(const fs::path& path) {
                     nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     return [handle] { CloseHandle(handle); };
 }
+
+std::wstring wide(const std::string& utf8) {
+    std::wstring text(utf8.size(), L'\0');
+    text.resize(size_t(MultiByteToWideChar(CP_UTF8, 0, utf8.data(), int(utf8.size()), text.data(),
+                                           int(text.size()))));
+    return text;
+}
+// Past MAX_PATH the test itself needs the "\\?\" form.
+bool makeFolder(const std::string& utf8) {
+    return CreateDirectoryW((L"\\\\?\\" + wide(utf8)).c_str(), nullptr) != 0;
+}
+bool makeFile(const std::string& utf8) {
+    const HANDLE file = CreateFileW((L"\\\\?\\" + wide(utf8)).c_str(), GENERIC_WRITE, 0, nullptr,
+                                    CREATE_NEW, 0, nullptr);
+    return file != INVALID_HANDLE_VALUE && CloseHandle(file);
+}
+void setTemporaryFolder(const std::string& utf8) {
+    _wputenv((L"TMP=" + wide(utf8)).c_str());
+}
 #else
 const char *const sourceFile = "posixSystem.cpp", *const tempVariable = "TMPDIR=";
 const char* const finalSeparator = "/"; // a folder may be named with one
+const std::string separator = "/";
 const int lockedFolderCode = EACCES, notEmptyFolderCode = ENOTEMPTY, fileRmdirErrno = ENOTDIR;
 
 std::string capture(const std::function<void()>& body) {
@@ -69,6 +92,16 @@ std::string capture(const std::function<void()>& body) {
 std::function<void()> lock(const fs::path& path) {
     chmod(path.parent_path().c_str(), 0555);
     return [folder = path.parent_path()] { chmod(folder.c_str(), 0755); };
+}
+
+bool makeFolder(const std::string& utf8) {
+    return mkdir(utf8.c_str(), 0755) == 0;
+}
+bool makeFile(const std::string& utf8) {
+    return std::ofstream(utf8).good();
+}
+void setTemporaryFolder(const std::string& utf8) {
+    setenv("TMPDIR", utf8.c_str(), 1);
 }
 #endif
 
@@ -174,6 +207,58 @@ TEST_F(SystemTest, TemporaryFolders) {
     EXPECT_TRUE(fs::equivalent(folder.parent_path(), root));
     EXPECT_EQ(folder.filename().string().rfind("tmp", 0), 0u);
     std::ofstream(folder / "data.bin") << "data";
+}
+
+// The Unicode path mode: a path is checked as UTF-8 and shown safely, and the helpers reach names
+// in and beyond code page 1252 and paths past MAX_PATH (the wide functions on Windows), in the
+// temporary folder of a user whose name is not ASCII.
+TEST_F(SystemTest, UnicodePaths) {
+    const size_t none = std::string::npos;
+    const struct {
+        std::string text;
+        size_t offset;
+        std::string shown;
+    } texts[] = {
+        {u8"\u00d85_\u0142\u00f3d\u017a \u65e5\U0001f600", none,
+         u8"\u00d85_\u0142\u00f3d\u017a \u65e5\U0001f600"},
+        {"a\xd8z", 1, "a\\xD8z"},                        // Latin-1
+        {"\xc0\xaf", 0, "\\xC0\\xAF"},                   // an overlong "/"
+        {"x\xed\xa0\x80", 1, "x\\xED\\xA0\\x80"},        // a surrogate
+        {"\xf4\x90\x80\x80", 0, "\\xF4\\x90\\x80\\x80"}, // past U+10FFFF
+        {"ab\xe2\x82", 2, "ab\\xE2\\x82"},               // cut short
+        {"t\x1b[2J\x7f", none, "t\\x1B[2J\\x7F"},        // valid, but not for a terminal
+    };
+    for (const auto& t : texts) {
+        EXPECT_EQ(UnicodePaths::invalidUtf8Offset(t.text), t.offset) << t.shown;
+        EXPECT_EQ(UnicodePaths::escaped(t.text), t.shown);
+    }
+
+    // u8 literals: UTF-8 whatever the compiler's own character set.
+    const std::string user = at("") + separator + u8"J\u00f6rg \u0141\u00f3d\u017a \u65e5\u672c",
+                      calibration = user + separator + u8"Kalibrierung_\u00d85",
+                      csv = separator + u8"\u65e5\u672c.csv";
+    std::string deep = calibration;
+    ASSERT_TRUE(makeFolder(user) && makeFolder(deep));
+    while (deep.size() < 300)
+        ASSERT_TRUE(makeFolder(deep += separator + u8"\u0142\u00f3d\u017a_0123456789"));
+    ASSERT_TRUE(makeFile(deep + csv));
+    EXPECT_EQ(UnicodePaths::pathKind(nullptr), 0);
+    EXPECT_EQ(UnicodePaths::pathKind((user + separator + "missing").c_str()), 0);
+    EXPECT_EQ(UnicodePaths::pathKind("a\xd8"), 0);
+    EXPECT_EQ(UnicodePaths::pathKind(deep.c_str()), 2);
+    EXPECT_EQ(UnicodePaths::pathKind((deep + csv).c_str()), 1);
+
+    setTemporaryFolder(user);
+    const std::string folder = UnicodePaths::createTemporaryFolder();
+    setTemporaryFolder("");
+    ASSERT_EQ(UnicodePaths::pathKind(folder.c_str()), 2) << folder;
+    EXPECT_EQ(folder.rfind(user, 0), 0u) << folder;
+    temporaryFolders.push_back(fs::u8path(folder));
+    const std::string walked =
+        capture([&] { EXPECT_TRUE(UnicodePaths::removeDirectoryRecursively(calibration)); });
+    EXPECT_NE(walked.find("---Recursive: " + calibration + "\n"), std::string::npos) << walked;
+    EXPECT_EQ(UnicodePaths::pathKind(calibration.c_str()), 0);
+    EXPECT_FALSE(UnicodePaths::removeDirectory(user.c_str())); // holds the temporary folder
 }
 
 } // namespace

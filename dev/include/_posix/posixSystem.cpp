@@ -147,33 +147,21 @@ bool System::findFiles(const std::string& directory, bool nested, std::list<File
     return complete;
 }
 
+namespace {
+
+struct PosixFiles {
+    static bool findFiles(const std::string& directory, std::list<FileEntry>& entries) {
+        return System::findFiles(directory, false, entries);
+    }
+    static bool deleteFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+    static bool removeDirectory(const char* path) { return System::removeDirectory(path); }
+    static int lastError() { return errno; }
+};
+
+} // namespace
+
 bool System::removeDirectoryRecursively(const std::string& path) {
-    std::list<FileEntry> entries;
-    if (!findFiles(path, false, entries))
-        return false;
-    entries.push_front({path, true});
-
-    // Folders are only touched once every file is gone, so a tree that resists stays whole.
-    bool filesErased = true;
-    for (const FileEntry& entry : entries) {
-        if (!entry.isDirectory && ::unlink(entry.path.c_str()) != 0) {
-            debugPrint("Could not erase file %s", entry.path.c_str());
-            filesErased = false;
-        }
-    }
-    if (!filesErased)
-        return false;
-    entries.remove_if([](const FileEntry& entry) { return !entry.isDirectory; });
-
-    // Pre-order reversed: every folder goes after the folders inside it.
-    bool removed = true;
-    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-        if (!removeDirectory(entry->path.c_str())) {
-            debugPrint("Could not erase directory %s error is %d", entry->path.c_str(), errno);
-            removed = false;
-        }
-    }
-    return removed;
+    return platform::removeTree<PosixFiles>(path);
 }
 
 } // namespace measurement

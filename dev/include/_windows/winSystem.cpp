@@ -7,6 +7,7 @@
 #endif
 
 #include "SystemCommon.h"
+#include "_windows/winFileWalk.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -75,10 +76,9 @@ bool System::copyFile(const char*, const char*) {
     return false;
 }
 
-bool System::removeDirectory(const char* path) {
-    if (_rmdir(path) == 0)
-        return true;
-    const int error = errno;
+namespace platform {
+
+void explainRemoveFailure(int error, const char* path) {
     switch (error) {
     case ENOENT:
         debugPrint("%s, line%i: path to %s is invalid", thisFile, __LINE__, path);
@@ -96,73 +96,46 @@ bool System::removeDirectory(const char* path) {
         debugPrint("%s, line %i: unknown error %i", thisFile, __LINE__, error);
         break;
     }
-    return false;
+}
+
+} // namespace platform
+
+namespace {
+
+// Paths in the ANSI code page, as the "A" functions and the C runtime take them.
+struct AnsiFiles {
+    using Found = WIN32_FIND_DATAA;
+    static int pathKind(const char* path) { return System::pathKind(path); }
+    static HANDLE findFirst(const std::string& pattern, Found& found) {
+        return FindFirstFileA(pattern.c_str(), &found);
+    }
+    static bool findNext(HANDLE search, Found& found) { return FindNextFileA(search, &found) != 0; }
+    static std::string name(const Found& found) { return found.cFileName; }
+    static DWORD attributes(const std::string& path) { return GetFileAttributesA(path.c_str()); }
+    static bool deleteFile(const std::string& path) { return DeleteFileA(path.c_str()) != 0; }
+    static int removeFolder(const char* path) { return _rmdir(path); }
+    static bool findFiles(const std::string& directory, std::list<FileEntry>& entries) {
+        return platform::findFilesWith<AnsiFiles>(directory, entries);
+    }
+    static bool removeDirectory(const char* path) {
+        return platform::removeDirectoryWith<AnsiFiles>(path);
+    }
+    static int lastError() { return static_cast<int>(GetLastError()); }
+};
+
+} // namespace
+
+bool System::removeDirectory(const char* path) {
+    return AnsiFiles::removeDirectory(path);
 }
 
 bool System::findFiles(const std::string& directory, bool nested, std::list<FileEntry>& entries) {
     static_cast<void>(nested);
-    if (pathKind(directory.c_str()) != 2)
-        return false;
-    // The separator follows the caller's spelling of the path.
-    std::string pattern = directory;
-    if (pattern.empty() || (pattern.back() != '/' && pattern.back() != '\\'))
-        pattern += directory.find('/') != std::string::npos ? '/' : '\\';
-    pattern += '*';
-    WIN32_FIND_DATAA found;
-    const HANDLE search = FindFirstFileA(pattern.c_str(), &found);
-    debugPrint("---Recursive: %s", directory.c_str());
-    if (search == INVALID_HANDLE_VALUE)
-        return false;
-    const std::string prefix = pattern.substr(0, pattern.size() - 1);
-    bool complete = true;
-    do {
-        const char* name = found.cFileName;
-        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
-            continue;
-        const std::string fullPath = prefix + name;
-        const DWORD attributes = GetFileAttributesA(fullPath.c_str());
-        if (name[0] != '\0')
-            debugPrint("---File Found: %s, attributes %d", fullPath.c_str(),
-                       static_cast<int>(attributes));
-        const bool isDirectory = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-        entries.push_back({fullPath, isDirectory});
-        if (isDirectory && !findFiles(fullPath, true, entries)) {
-            complete = false;
-            break;
-        }
-    } while (FindNextFileA(search, &found));
-    FindClose(search);
-    return complete;
+    return AnsiFiles::findFiles(directory, entries);
 }
 
 bool System::removeDirectoryRecursively(const std::string& path) {
-    std::list<FileEntry> entries;
-    if (!findFiles(path, false, entries))
-        return false;
-    entries.push_front({path, true});
-
-    // Folders are only touched once every file is gone, so a tree that resists stays whole.
-    bool filesErased = true;
-    for (const FileEntry& entry : entries) {
-        if (!entry.isDirectory && !DeleteFileA(entry.path.c_str())) {
-            debugPrint("Could not erase file %s", entry.path.c_str());
-            filesErased = false;
-        }
-    }
-    if (!filesErased)
-        return false;
-    entries.remove_if([](const FileEntry& entry) { return !entry.isDirectory; });
-
-    // Pre-order reversed: every folder goes after the folders inside it.
-    bool removed = true;
-    for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-        if (!removeDirectory(entry->path.c_str())) {
-            debugPrint("Could not erase directory %s error is %d", entry->path.c_str(),
-                       static_cast<int>(GetLastError()));
-            removed = false;
-        }
-    }
-    return removed;
+    return platform::removeTree<AnsiFiles>(path);
 }
 
 } // namespace measurement
