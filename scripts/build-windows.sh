@@ -248,6 +248,7 @@ typedef void* (*Init)(void*, size_t, char*);
 typedef int (*SetInt)(void*, const char*, int);
 typedef int (*Upload)(void*, const char*, size_t, char*, unsigned*);
 typedef int (*Close)(void**);
+typedef int (*SetSwitch)(void*, unsigned);
 /* Through void (*)(void), the generic function pointer type, as GCC wants it. */
 #define EXPORT(type, name) ((type)(void (*)(void))GetProcAddress(dll, name))
 static int temporaryFolders(void) { /* tmp*.tmp in %TEMP% */
@@ -262,13 +263,15 @@ static int temporaryFolders(void) { /* tmp*.tmp in %TEMP% */
         FindClose(search);
     return count;
 }
-int main(int argc, char** argv) { /* unload.exe FOLDER */
+int main(int argc, char** argv) { /* unload.exe FOLDER [unicode] */
     HMODULE dll = LoadLibraryA("dataExchange.dll");
     void* handle = dll ? EXPORT(Init, "dataExchangeInit")(NULL, 0, NULL) : NULL;
     char name[260];
     unsigned used = 0;
-    if (handle == NULL || argc != 2)
+    if (handle == NULL || argc < 2)
         return 2;
+    if (argc == 3)
+        EXPORT(SetSwitch, "dataExchangeSetUnicodePaths")(handle, 1);
     EXPORT(SetInt, "dataExchangeSetInt32Option")(handle, "Device type", 0);
     EXPORT(SetInt, "dataExchangeSetInt32Option")(handle, "Data type", 0);
     printf("result=%d\n",
@@ -285,16 +288,94 @@ output=$(cd "$abi/app" && wine unload.exe "Z:${abi//\//\\}\\data\\cal7" </dev/nu
     fail "unload.exe: status $?"
 check "FreeLibrary" "$output" "^result=0$" "^loaded=1$" "^freed=1 unloaded=0$"
 echo "the package's temporary folder: there after dataExchangeClose, gone after FreeLibrary"
-# A host's argv is in the ANSI code page (Wine: 1252, "Ø" is 0xD8). The library checks the path
-# with the narrow file functions, which take it so, and then reads it as UTF-8 for packing, which
-# that byte is not: such a path passes the check and fails in packing, with nothing delivered.
-mkdir -p "$abi/data/Kalibrierung_Ø5"
+
+step "Unicode paths (uploadHost.exe, a user 'Jörg')"
+# Windows puts a user's temporary folder under the profile: for Jörg, José or Zoë its name is not
+# ASCII. Names inside code page 1252 (Ø, ä, Ü) and outside it (ł, ó with ź, 日本). With the
+# Unicode paths on, the host passes the path in UTF-8 (uploadHost.exe reads it from the UTF-16
+# command line) and every step works on the real name.
+temp_root=$(cd "$WINEPREFIX"/drive_c/users/*/Temp && pwd)
+user_temp="$temp_root/Jörg"
+mkdir -p "$user_temp"
+set_temp() { # set_temp WINDOWS-PATH [TYPE]: TEMP and TMP of the prefix's user
+    for variable in TEMP TMP; do
+        wine reg add 'HKCU\Environment' /v "$variable" /t "${2:-REG_SZ}" /d "$1" /f </dev/null \
+            >/dev/null 2>&1 || fail "$variable not set"
+    done
+}
+set_temp "C:\\users\\$(basename "$(dirname "$temp_root")")\\Temp\\Jörg"
+unicode=Kalibrierung_Ø5_łódź
+mkdir -p "$abi/data/$unicode" "$abi/data/Kalibrierung_Ø5"
+printf 'ä;Ü\n' >"$abi/data/$unicode/Messung_ä.csv"
+head -c 70000 /dev/urandom >"$abi/data/$unicode/Übersicht_日本.bin"
 printf '5;6\n' >"$abi/data/Kalibrierung_Ø5/c.csv"
+printf '9;10\n' >"$abi/data/łódź_日本.csv"
 config "$abi/app" http http
+share_folder="$smoke/share/processing/cvX/precalibration"
+# host_unicode ...: host, then nothing may be left in the user's temporary folder either.
+host_unicode() {
+    host "$@"
+    leftovers=$(find "$user_temp" -mindepth 1)
+    [ -z "$leftovers" ] || fail "left in $user_temp: $leftovers"
+}
+host_unicode app "$unicode" loc=1 unicode=1 user=nick
+check "folder to the share" "$output" "^result=0$" "^location=1$" \
+    "^name=[0-9_-]{19}_precalibration_${unicode}\.zip$"
+delivered=$(sed -n 's/^name=//p' <<<"$output")
+python3 - "$share_folder/$delivered" "$abi/data/$unicode" <<'EOF' ||
+import os, sys, zipfile
+with zipfile.ZipFile(sys.argv[1]) as archive:
+    assert archive.testzip() is None, "a corrupt entry"
+    assert sorted(archive.namelist()) == sorted(os.listdir(sys.argv[2])), archive.namelist()
+    for entry in archive.infolist():
+        assert entry.flag_bits & 0x800, f"{entry.filename} not flagged as UTF-8"
+        with open(os.path.join(sys.argv[2], entry.filename), "rb") as original:
+            assert archive.read(entry) == original.read(), entry.filename
+EOF
+    fail "folder to the share: $delivered is not the folder"
+printf 'sn 0x0\r\ndevice cvX5\r\ntype precalibration\r\nemail \r\nuser nick\r\n' |
+    cmp - "$share_folder/$delivered.info" || fail "folder to the share: unexpected .info"
+host_unicode app łódź_日本.csv loc=2 unicode=1
+check "file to the site" "$output" "^result=0$" "^name=precalibration_łódź_日本\.csv$"
+cmp "$abi/data/łódź_日本.csv" "$abi/http/storage/precalibration_łódź_日本.csv" ||
+    fail "file to the site: not stored under its name, or not the same bytes"
+host_unicode app "$unicode" dt=1 loc=3 unicode=1 # no share for cmm data: the site takes it
+check "Location 3" "$output" "^result=0$" "^location=2$" "^name=cmm_${unicode}\.zip$"
+output=$(cd "$abi/app" && wine unload.exe "Z:${abi//\//\\}\\data\\cal7" unicode </dev/null \
+    2>/dev/null) || fail "unload.exe, Unicode paths: status $?"
+check "FreeLibrary, Unicode paths" "$output" "^result=0$" "^loaded=1$" "^freed=1 unloaded=0$"
+# Past MAX_PATH (260 characters) only the wide functions with the \\?\ form reach a file.
+long_folder=$(printf 'Ebene_łódź_%040d/' 1 2 3 4 5)Messung_日本
+mkdir -p "$abi/data/$long_folder"
+printf '1;2\n' >"$abi/data/$long_folder/a.csv"
+host_unicode app "$long_folder" loc=2 unicode=1
+check "past MAX_PATH" "$output" "^result=0$" "^name=precalibration_Messung_日本\.zip$"
+echo "$unicode to the share, łódź_日本.csv to the site, Location 3, a path past MAX_PATH;" \
+    "temporary folders gone"
+# The same with the Unicode paths off, as the library always took paths: the host's narrow argv
+# in code page 1252, with best fit for what it lacks ("łódź" arrives as "l", 0xF3, "dz"), read
+# as UTF-8 after the existence check. Verified delivery names the cause and the switch.
+stored_before=$(ls "$abi/http/storage" | wc -l)
+host app "$unicode" loc=1
+# (In code page 1252 bytes, which a UTF-8 pattern cannot span.)
+check "off: outside 1252" "$output" "^result=10$" "^errors=File or folder Z:.*Kalibrierung_" \
+    "dz does not exist$"
 host app Kalibrierung_Ø5 loc=2
-check "non-ASCII folder" "$output" "^result=40$" "^errors=Unknown error handling data$"
-[ ! -e "$abi/http/storage/precalibration_Kalibrierung_Ø5.zip" ] || fail "non-ASCII folder: delivered"
-echo "non-ASCII folder name in code page 1252: result 40, nothing delivered"
+check "off: inside 1252" "$output" "^result=40$" "^errors=Unknown error handling data$"
+host app cal7 loc=2
+check "off: user Jörg" "$output" "^result=40$" "^errors=Unknown error handling data$"
+remedy=": turn on Unicode paths \(dataExchangeSetUnicodePaths\) to use its real name$"
+host app Kalibrierung_Ø5 loc=2 verified=1
+check "off, verified: inside 1252" "$output" "^result=40$" \
+    "^errors=File or folder 'Z:.*Kalibrierung_\\\\xD85' is not valid UTF-8 at byte offset [0-9]+$remedy"
+host app cal7 loc=2 verified=1
+check "off, verified: user Jörg" "$output" "^result=40$" \
+    "^errors=Temporary folder 'C:.*J\\\\xF6rg.tmp[^']*' is not valid UTF-8 at byte offset [0-9]+$remedy"
+[ "$(ls "$abi/http/storage" | wc -l)" -eq "$stored_before" ] ||
+    fail "Unicode paths off: something was delivered: $(ls "$abi/http/storage")"
+echo "Unicode paths off: results 10 and 40 as before; verified delivery names the switch"
+# The prefix's own temporary folder again for the steps that follow.
+set_temp '%USERPROFILE%\Temp' REG_EXPAND_SZ
 
 step "dataexchange-upload.exe: exit statuses"
 status=0

@@ -5,6 +5,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#ifdef _WIN32
+#include <windows.h>
+
+#include <shellapi.h>
+#endif
 
 /* Progress lines go to standard output; cancel=STAGE:CALL cancels at that call of the stage. */
 static unsigned cancelStage = 0, cancelCall = 0, callsInStage = 0, lastStage = 0;
@@ -57,6 +62,21 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         dataExchangeSetUnicodePaths(handle, number);
 }
 
+/* With unicode=1 the path goes as UTF-8. A narrow main() gets it in the ANSI code page, where
+ * names outside it are lost; on Windows it is read again from the UTF-16 command line. */
+static const char* utf8Path(const char* path) {
+#ifdef _WIN32
+    static char utf8[4096];
+    int count = 0;
+    wchar_t** arguments = CommandLineToArgvW(GetCommandLineW(), &count);
+    if (arguments != NULL && count > 1 &&
+        WideCharToMultiByte(CP_UTF8, 0, arguments[1], -1, utf8, sizeof utf8, NULL, NULL) > 0)
+        path = utf8;
+    LocalFree(arguments);
+#endif
+    return path;
+}
+
 int main(int argc, char** argv) {
     static char errors[65536];
     char name[513] = "", stored[512] = "";
@@ -68,6 +88,9 @@ int main(int argc, char** argv) {
         return 2;
     for (n = 2; n < argc; ++n)
         setOption(handle, argv[n]);
+    for (n = 2; n < argc; ++n)
+        if (strcmp(argv[n], "unicode=1") == 0)
+            argv[1] = (char*)utf8Path(argv[1]);
     result = dataExchangeUploadData(handle, argv[1], nameSize, name, &used);
     if (dataExchangeGetLastErrors(handle, sizeof errors, errors) != Success || result == Success)
         errors[0] = '\0';
