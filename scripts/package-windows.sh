@@ -87,7 +87,9 @@ run() {
     output=$(cd "$work" && WINEDEBUG=-all,err+module,+loaddll \
         wine "$package/bin/$program" "$@" </dev/null 2>"$work/loader.log") || status=$?
     ! grep -i 'not found' "$work/loader.log" || fail "$name: a DLL was not found"
-    ((status == 0)) || fail "$name: status $status: $(cat "$work/loader.log")"
+    ((status == 0)) || fail "$name: status $status:
+${output//$'\r'/}
+$(cat "$work/loader.log")"
     # +loaddll: 'Loaded L"Z:\\tmp\\...\\bin\\Qt5Core.dll" at ...: native'; the path is escaped.
     loaded=$(sed -n 's/.*:loaddll:.* Loaded L"\(.*\)" at .*/\1/p' "$work/loader.log" |
         sed 's/\\\\/\\/g' | sort -u)
@@ -113,5 +115,32 @@ check "--list-options" "$output" "${options[@]}"
 run exampleHost.exe exampleHost.exe
 echo "${output//$'\r'/}"
 check exampleHost.exe "$output" "^dataExchange v2\.[0-9]+\.[0-9]+ .*Windows" "${options[@]}"
+
+step "MSVC-built host"
+# Built as an MSVC customer builds a host: compiled for the MSVC target and linked by lld-link
+# against lib/dataExchange.lib and kernel32 alone, no C run-time (-fno-builtin: nothing may
+# turn the host's loops into calls of memset). It calls every export, checks each answer and
+# delivers a folder of its own, cal7, to the shared folder: \\fileserver\measurement through
+# Wine's UNC mapping.
+"$root/scripts/deps.sh" clang-14 lld
+clang-14 --target=x86_64-pc-windows-msvc -std=c11 -O2 -fno-builtin -Wall -Wextra -Werror \
+    -nostdinc -isystem "$(clang-14 -print-resource-dir)/include" -I"$package/include" \
+    -c "$root/tests/api/msvcHost.c" -o "$work/msvcHost.obj"
+lld-link /nologo /subsystem:console /entry:mainCRTStartup /nodefaultlib "$work/msvcHost.obj" \
+    "$package/lib/dataExchange.lib" "$(x86_64-w64-mingw32-gcc-posix -print-file-name=libkernel32.a)" \
+    /out:"$package/bin/msvcHost.exe"
+share="$work/share/processing/cvX/precalibration"
+mkdir -p "$share" "$WINEPREFIX/dosdevices/unc/fileserver"
+ln -sfn "$work/share" "$WINEPREFIX/dosdevices/unc/fileserver/measurement"
+run msvcHost.exe msvcHost.exe
+echo "${output//$'\r'/}"
+delivered=$(sed -n 's/^delivered=\(.*\)\r$/\1/p' <<<"$output")
+[ -f "$share/$delivered" ] || fail "msvcHost.exe: no '$delivered' in the shared folder"
+unzip -tqq "$share/$delivered" || fail "msvcHost.exe: $delivered is not a sound archive"
+[ "$(unzip -Z1 "$share/$delivered" | sort | tr '\n' ' ')" = "a.csv b.csv " ] ||
+    fail "msvcHost.exe: $delivered holds $(unzip -Z1 "$share/$delivered")"
+printf 'sn 0x123456789abcdef\r\ndevice cvX5\r\ntype precalibration\r\nemail nick@example.com\r\nuser nick\r\n' |
+    cmp - "$share/$delivered.info" || fail "msvcHost.exe: unexpected $delivered.info"
+echo "delivered $delivered with its .info"
 
 step ""
