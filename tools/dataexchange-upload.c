@@ -11,6 +11,7 @@
 #define _XOPEN_SOURCE 600
 #endif
 
+#include "cliText.h"
 #include "dataExchangeExt.h"
 
 #include <errno.h>
@@ -108,8 +109,8 @@ static void showDebugLines(int lastOnly) {
         if (text[start - 1] == '\n' && ++lines > 5)
             break;
     if (start < length && lastOnly)
-        fputs(TOOL ": the library's last messages:\n", messages);
-    fwrite(text + start, 1, length - start, messages);
+        cliTextPrintf(messages, TOOL ": the library's last messages:\n");
+    cliTextWrite(messages, text + start, length - start);
 }
 #endif
 
@@ -205,6 +206,10 @@ static void printHelp(void) {
            "  --plain          count any answer of the server as delivery, as the library\n"
            "                   does by default; without it the upload is verified: the\n"
            "                   server must name what it stored, failures name their cause\n"
+           "  --ansi-paths     pass PATH in the system's narrow encoding, as the library\n"
+           "                   takes it by default: on Windows the ANSI code page, which\n"
+           "                   cannot hold every name; without it PATH goes as UTF-8 and\n"
+           "                   names of any characters work\n"
            "  --verbose        show the library's debug lines, each on a line of its own\n"
            "  --no-progress    print no progress\n"
            "  --list-options   print every option with its type, summary and its current,\n"
@@ -237,13 +242,14 @@ static void printHelp(void) {
     printf("  %3d  cancelled with Ctrl+C; nothing was delivered\n", ExitCancelled);
 }
 
+static int usageError(const char* format, ...) CLI_TEXT_PRINTF(1, 2);
 static int usageError(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    fprintf(messages, TOOL ": ");
-    vfprintf(messages, format, arguments);
+    cliTextPrintf(messages, TOOL ": ");
+    cliTextVprintf(messages, format, arguments);
     va_end(arguments);
-    fprintf(messages, "\nTry '" TOOL " --help' for more information.\n");
+    cliTextPrintf(messages, "\nTry '" TOOL " --help' for more information.\n");
     return ExitUsage;
 }
 
@@ -282,17 +288,17 @@ static int printErrors(dataExchangeLibraryImp* handle) {
     errorText[0] = '\0';
     result = dataExchangeGetLastErrors(handle, sizeof errorText, errorText);
     if (result == BufferTooSmall) {
-        fwrite(errorText, 1, sizeof errorText, messages);
-        fprintf(messages, "\n" TOOL ": further messages were cut\n");
+        cliTextWrite(messages, errorText, sizeof errorText);
+        cliTextPrintf(messages, "\n" TOOL ": further messages were cut\n");
         return 1;
     }
-    fputs(errorText, messages);
+    cliTextWrite(messages, errorText, strlen(errorText));
     return errorText[0] != '\0';
 }
 
 static void printFailure(dataExchangeLibraryImp* handle, const char* what, int32_t result) {
     if (!printErrors(handle))
-        fprintf(messages, TOOL ": %s failed with result %d\n", what, (int)result);
+        cliTextPrintf(messages, TOOL ": %s failed with result %d\n", what, (int)result);
 }
 
 /* Reads back what a clipping setter stored, to tell the user the value now in effect. */
@@ -302,20 +308,20 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
     uint32_t u32 = 0;
     uint64_t u64 = 0;
     if (name == NULL) /* --threads, the one setting of the handle that is cropped */
-        fprintf(messages, TOOL ": warning: %s stored as %d\n", optionFlags[flag].flag,
-                DATAEXCHANGE_MAX_PACKING_THREADS);
+        cliTextPrintf(messages, TOOL ": warning: %s stored as %d\n", optionFlags[flag].flag,
+                      DATAEXCHANGE_MAX_PACKING_THREADS);
     else if (optionFlags[flag].type == Int32 &&
              dataExchangeGetInt32Option(handle, name, Current, &i32) == Success)
-        fprintf(messages, TOOL ": warning: %s stored as %" PRId32 "\n", optionFlags[flag].flag,
-                i32);
+        cliTextPrintf(messages, TOOL ": warning: %s stored as %" PRId32 "\n",
+                      optionFlags[flag].flag, i32);
     else if (optionFlags[flag].type == Uint32 &&
              dataExchangeGetUint32Option(handle, name, Current, &u32) == Success)
-        fprintf(messages, TOOL ": warning: %s stored as %" PRIu32 "\n", optionFlags[flag].flag,
-                u32);
+        cliTextPrintf(messages, TOOL ": warning: %s stored as %" PRIu32 "\n",
+                      optionFlags[flag].flag, u32);
     else if (optionFlags[flag].type == Uint64 &&
              dataExchangeGetUint64Option(handle, name, Current, &u64) == Success)
-        fprintf(messages, TOOL ": warning: %s stored as %" PRIu64 "\n", optionFlags[flag].flag,
-                u64);
+        cliTextPrintf(messages, TOOL ": warning: %s stored as %" PRIu64 "\n",
+                      optionFlags[flag].flag, u64);
 }
 
 static int32_t applySetting(dataExchangeLibraryImp* handle, const Setting* setting) {
@@ -381,39 +387,39 @@ static int32_t printValue(dataExchangeLibraryImp* handle, const OptionEntry* opt
     int32_t i32 = 0;
     uint32_t u32 = 0;
     uint64_t u64 = 0;
-    printf("%s%s ", which == Current ? "" : ", ", labels[which]);
+    cliTextPrintf(stdout, "%s%s ", which == Current ? "" : ", ", labels[which]);
     switch (option->type) {
     case Int32:
         result = dataExchangeGetInt32Option(handle, option->name, which, &i32);
         if (result == Success)
-            printf("%" PRId32, i32);
+            cliTextPrintf(stdout, "%" PRId32, i32);
         break;
     case Uint32:
         result = dataExchangeGetUint32Option(handle, option->name, which, &u32);
         if (result == Success)
-            printf("%" PRIu32, u32);
+            cliTextPrintf(stdout, "%" PRIu32, u32);
         break;
     case Uint64:
         result = dataExchangeGetUint64Option(handle, option->name, which, &u64);
         if (result == Success)
-            printf("%" PRIu64, u64);
+            cliTextPrintf(stdout, "%" PRIu64, u64);
         break;
     case String:
         result =
             dataExchangeGetStringOption(handle, option->name, which, sizeof valueText, valueText);
         if (result == Success)
-            printf("\"%s\"", valueText);
+            cliTextPrintf(stdout, "\"%s\"", valueText);
         break;
     default:
-        printf("?");
+        cliTextPrintf(stdout, "?");
         return Success;
     }
     if (result == NotAvailable) {
-        printf("none");
+        cliTextPrintf(stdout, "none");
         return Success;
     }
     if (result != Success) {
-        printf("unreadable");
+        cliTextPrintf(stdout, "unreadable");
         fflush(stdout);
         printFailure(handle, option->name, result);
     }
@@ -429,13 +435,14 @@ static int32_t listOptions(dataExchangeLibraryImp* handle) {
     dataExchangeEnumerateOptions(handle, collectOption, &list);
     for (i = 0; i < list.count; ++i) {
         const OptionEntry* option = &list.entries[i];
-        printf("%s (%s): %s\n    ", option->name, typeName(option->type), option->summary);
+        cliTextPrintf(stdout, "%s (%s): %s\n    ", option->name, typeName(option->type),
+                      option->summary);
         for (which = Current; which <= Default; ++which) {
             int32_t result = printValue(handle, option, which);
             if (result != Success && failure == Success)
                 failure = result;
         }
-        printf("\n");
+        cliTextPrintf(stdout, "\n");
     }
     return failure;
 }
@@ -479,7 +486,7 @@ static void formatBytes(char* text, size_t size, double bytes) {
 
 static void endProgressLine(Progress* progress) {
     if (progress->lineLength > 0)
-        putchar('\n');
+        cliTextWrite(stdout, "\n", 1);
     progress->lineLength = 0;
     fflush(stdout);
 }
@@ -519,7 +526,8 @@ static void drawProgressLine(Progress* progress) {
     if (length < 0 || (size_t)length >= sizeof line)
         return;
     /* Blanks overwrite what a longer previous line left behind. */
-    printf("\r%s%*s", line, progress->lineLength > length ? progress->lineLength - length : 0, "");
+    cliTextPrintf(stdout, "\r%s%*s", line,
+                  progress->lineLength > length ? progress->lineLength - length : 0, "");
     progress->lineLength = length;
     fflush(stdout);
 }
@@ -545,7 +553,7 @@ static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint6
     if (progress->verbose) {
         /* A debug line starts on a line of its own: the progress line is drawn again after. */
         if (progress->lineLength > 0)
-            printf("\r%*s\r", progress->lineLength, "");
+            cliTextPrintf(stdout, "\r%*s\r", progress->lineLength, "");
         fflush(stdout);
         progress->lineLength = 0;
         showDebugLines(0);
@@ -553,7 +561,8 @@ static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint6
     if (progress->show && progress->terminal)
         drawProgressLine(progress);
     else if (progress->show && changed)
-        printf("Progress: %s %" PRIu64 "/%" PRIu64 "\n", stageName(stage), done, total);
+        cliTextPrintf(stdout, "Progress: %s %" PRIu64 "/%" PRIu64 "\n", stageName(stage), done,
+                      total);
     fflush(stdout);
     if (interrupted)
         progress->cancelled = 1;
@@ -595,12 +604,12 @@ static int32_t upload(dataExchangeLibraryImp* handle, const char* path, int show
         /* Either way the data arrived; a cut name has no terminator, so it is printed by
          * length. */
         size_t length = result == Success ? strlen(deliveredName) : sizeof deliveredName;
-        printf("Delivered as: %.*s\nDestination: %s\n", (int)length, deliveredName,
-               destinationName(location));
+        cliTextPrintf(stdout, "Delivered as: %.*s\nDestination: %s\n", (int)length, deliveredName,
+                      destinationName(location));
         /* A server that keeps every upload may store it under another name. */
         if (dataExchangeGetStoredName(handle, sizeof storedName, storedName) == Success &&
             storedName[0] != '\0' && strncmp(storedName, deliveredName, length + 1) != 0)
-            printf("Stored as: %s\n", storedName);
+            cliTextPrintf(stdout, "Stored as: %s\n", storedName);
     }
     if (result != Success)
         printFailure(handle, "upload", result);
@@ -620,10 +629,15 @@ static void printVersion(void) {
 }
 
 int main(int argc, char** argv) {
+    /* UTF-8, as the library takes texts; on Windows read again from the UTF-16 command line,
+     * since argv holds only what the ANSI code page can. */
+    char** arguments = cliTextArguments(&argc, argv);
     /* One setting per argument at most, so argc bounds them. */
     Setting* settings = (Setting*)malloc((size_t)argc * sizeof *settings);
     size_t settingCount = 0;
     const char* path = NULL;
+    char* systemPath = NULL; /* the path as --ansi-paths passes it */
+    int ansiPaths = 0;
     int listRequested = 0;
     int endOfFlags = 0;
     int removePackage = 0;
@@ -638,13 +652,15 @@ int main(int argc, char** argv) {
     int i;
 
     messages = stderr;
-    if (settings == NULL) {
+    if (arguments == NULL || settings == NULL) {
         fprintf(stderr, TOOL ": out of memory\n");
+        free(settings);
+        free(arguments);
         return ExitFailure;
     }
 
     for (i = 1; i < argc; ++i) {
-        const char* arg = argv[i];
+        const char* arg = arguments[i];
         const char* value = NULL;
         size_t nameLength;
         size_t flag;
@@ -686,6 +702,10 @@ int main(int argc, char** argv) {
             plain = 1;
             continue;
         }
+        if (strcmp(arg, "--ansi-paths") == 0) {
+            ansiPaths = 1;
+            continue;
+        }
         if (strcmp(arg, "--verbose") == 0) {
             verbose = 1;
             continue;
@@ -706,7 +726,7 @@ int main(int argc, char** argv) {
         if (arg[nameLength] == '=')
             value = arg + nameLength + 1;
         else if (i + 1 < argc)
-            value = argv[++i];
+            value = arguments[++i];
         else {
             status = usageError("%s needs a value", optionFlags[flag].flag);
             goto done;
@@ -729,11 +749,18 @@ int main(int argc, char** argv) {
         status = usageError("%s", "no file or folder to upload given");
         goto done;
     }
+    /* Converted here, as a narrow main() would have got it, so that the library sees exactly
+     * what it saw before Unicode paths. */
+    if (path != NULL && ansiPaths && (path = systemPath = cliTextSystemPath(path)) == NULL) {
+        cliTextPrintf(messages, TOOL ": out of memory\n");
+        status = ExitFailure;
+        goto done;
+    }
 
     captureDebugLines();
     handle = dataExchangeInit(NULL, sizeof errorText, errorText);
     if (handle == NULL) {
-        fprintf(messages, TOOL ": the library could not be opened: %s\n", errorText);
+        cliTextPrintf(messages, TOOL ": the library could not be opened: %s\n", errorText);
         status = ExitFailure;
         goto done;
     }
@@ -755,6 +782,9 @@ int main(int argc, char** argv) {
         result = dataExchangeSetUseConfiguredProxy(handle, 1);
     if (result == Success && !plain)
         result = dataExchangeSetVerifiedDelivery(handle, 1);
+    /* Any name reaches the file system unless --ansi-paths asks for the narrow encoding. */
+    if (result == Success && !ansiPaths)
+        result = dataExchangeSetUnicodePaths(handle, 1);
     if (result == Success)
         result = listRequested ? listOptions(handle)
                                : upload(handle, path, showProgress, verbose, &cancelled);
@@ -762,6 +792,8 @@ int main(int argc, char** argv) {
     status = cancelled ? ExitCancelled : exitStatusOf(result);
 
 done:
+    free(systemPath);
     free(settings);
+    free(arguments);
     return status;
 }
