@@ -163,6 +163,7 @@ def _declare(lib):
         "SetVerifiedDelivery": [vp, ctypes.c_uint32],
         "GetStoredName": [vp, size, out],
         "SetPackingThreads": [vp, ctypes.c_uint32],
+        "SetUnicodePaths": [vp, ctypes.c_uint32],
     }
     for kind, (ctype, _, _) in _NUMBERS.items():
         prototypes["Get%sOption" % kind.name] = [vp, text, ctypes.c_uint32, ctypes.POINTER(ctype)]
@@ -219,9 +220,11 @@ class Handle:
     """One library handle. Use it from one thread at a time; close it, or use it in a with
     block. library: a path, a CDLL from load(), or None (see load()). verified: verified
     delivery (see set_verified_delivery), on unless False is given. threads: the threads that
-    pack a folder (see set_packing_threads), one per core unless given."""
+    pack a folder (see set_packing_threads), one per core unless given. unicode_paths: paths
+    of any characters (see set_unicode_paths), on unless False is given."""
 
-    def __init__(self, library=None, *, qt_dir=None, verified=True, threads=0):
+    def __init__(self, library=None, *, qt_dir=None, verified=True, threads=0,
+                 unicode_paths=True):
         self._lib = library if isinstance(library, ctypes.CDLL) else load(library, qt_dir)
         message = ctypes.create_string_buffer(1024)
         self._handle = ctypes.c_void_p(self._lib.dataExchangeInit(None, len(message), message))
@@ -231,8 +234,10 @@ class Handle:
         self._types = {name: kind for name, _, _, _, kind in self._describe()}
         self._progress = None  # the C callback object, kept alive while it is set
         self._progress_error = None
+        self._unicode_paths = False  # the library's default
         self.set_verified_delivery(verified)
         self.set_packing_threads(threads)
+        self.set_unicode_paths(unicode_paths)
 
     def close(self) -> None:
         if self._handle.value:
@@ -377,6 +382,21 @@ class Handle:
         except that a file holding most of a big folder is packed in blocks."""
         self._call("dataExchangeSetPackingThreads", threads)
 
+    def set_unicode_paths(self, enable: bool) -> None:
+        """On: upload() passes a str path as UTF-8, and on Windows the library reaches every
+        name, whatever its characters; off: as os.fsencode() gives it, the library's default,
+        which on Windows is the ANSI code page and cannot hold every name. A bytes path goes as
+        it is either way."""
+        self._call("dataExchangeSetUnicodePaths", 1 if enable else 0)
+        self._unicode_paths = bool(enable)
+
+    def _path(self, path) -> bytes:
+        path = os.fspath(path)
+        if isinstance(path, bytes) or not self._unicode_paths:
+            return os.fsencode(path)
+        # A POSIX name that is not UTF-8 keeps its bytes, which the library then names.
+        return path.encode("utf-8", "surrogateescape")
+
     def stored_name(self) -> str:
         """The name the server answered for the last upload (it may differ from the delivered
         name when the server keeps every upload); "" without an answer."""
@@ -391,7 +411,7 @@ class Handle:
         used = ctypes.c_uint32(0)
         self._progress_error = None
         try:
-            result = self._call("dataExchangeUploadData", os.fsencode(path), len(name), name,
+            result = self._call("dataExchangeUploadData", self._path(path), len(name), name,
                                 ctypes.byref(used))
         finally:
             error, self._progress_error = self._progress_error, None

@@ -23,6 +23,17 @@ class BindingTest(unittest.TestCase):
         self.assertRaisesRegex(dx.ValueCroppedWarning, "^Packing threads are at most 32; 40 was",
                                handle.set_packing_threads, 40)
 
+    @unittest.skipUnless(os.name == "posix", "names that are not UTF-8 exist on POSIX only")
+    def test_paths_go_as_utf8_unless_unicode_paths_are_off(self):
+        latin1 = b"Kalibrierung_\xd8"  # "Ø" in code page 1252, not UTF-8
+        for switch, path, message in [  # the library names what it refuses
+                ({}, latin1, "not valid UTF-8"), ({}, os.fsdecode(latin1), "not valid UTF-8"),
+                ({"unicode_paths": False}, latin1, "Kalibrierung_.* does not exist")]:
+            with self.subTest(switch=switch, path=path):
+                handle = dx.Handle(**switch)
+                handle["Device type"], handle["Data type"] = 0, 0
+                self.assertRaisesRegex(dx.DataExchangeError, message, handle.upload, path)
+
     @unittest.skipUnless(os.name == "posix", "the share root is a local folder on Linux only")
     def test_upload_and_its_progress_function(self):
         share = os.path.join(SHARE_ROOT, "measurement", "processing", "cvX", "precalibration")
@@ -31,9 +42,15 @@ class BindingTest(unittest.TestCase):
         os.makedirs(share, exist_ok=True)
         handle = dx.Handle()  # closed when the test returns
         handle["Device type"], handle["Data type"], handle["Location"] = 0, 0, 1
-        name, destination = handle.upload(__file__)
-        self.assertEqual((destination, name in os.listdir(share), handle.stored_name()),
-                         (dx.Location.SharedFolder, True, ""))  # no server answered
+        folder = os.path.join(tempfile.mkdtemp(), "Kalibrierung_Ø5_łódź")
+        self.addCleanup(shutil.rmtree, os.path.dirname(folder))
+        os.mkdir(folder)
+        shutil.copy(__file__, folder)
+        for path, packed in [(__file__, "precalibration_test_dataexchange.py"),
+                             (folder, "precalibration_Kalibrierung_Ø5_łódź.zip")]:
+            name, destination = handle.upload(path)  # after a time stamp and "_"
+            self.assertEqual((destination, name in os.listdir(share), name[20:],
+                              handle.stored_name()), (dx.Location.SharedFolder, True, packed, ""))
         empty = tempfile.mkdtemp()  # verified delivery, the default, refuses it
         self.addCleanup(os.rmdir, empty)
         self.assertRaisesRegex(dx.DataExchangeError, "holds no files", handle.upload, empty)
