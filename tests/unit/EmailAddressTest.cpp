@@ -25,3 +25,18 @@ TEST(EmailAddress, AgreesWithTheRegularExpression) {
     EXPECT_TRUE(isAcceptedEmailAddress(local + "@b.de"));
     EXPECT_FALSE(isAcceptedEmailAddress(local + "@b.d3"));
 }
+
+// The ends of the letter and digit ranges and the characters just outside them, in the local
+// part, the domain and the ending: the generated strings above draw only 'a', 'Z' and '0'.
+TEST(EmailAddress, RangeEndsInEveryPart) {
+    const char* const accepted[] = {"a@b.de", "z@b.de", "A@b.de", "Z@b.de", "0@b.de", "9@b.de",
+                                    "x@a.de", "x@z.de", "x@A.de", "x@Z.de", "x@0.de", "x@9.de",
+                                    "x@b.a",  "x@b.z",  "x@b.A",  "x@b.Z"};
+    const char* const refused[] = {"`@b.de", "{@b.de", "[@b.de", "/@b.de", ":@b.de", "x@`.de",
+                                   "x@{.de", "x@[.de", "x@/.de", "x@:.de", "x@b.0",  "x@b.9",
+                                   "x@b.`",  "x@b.{",  "x@b.@",  "x@b.["};
+    for (const char* address : accepted)
+        EXPECT_TRUE(isAcceptedEmailAddress(address)) << address;
+    for (const char* address : refused)
+        EXPECT_FALSE(isAcceptedEmailAddress(address)) << address;
+}
