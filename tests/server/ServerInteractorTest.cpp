@@ -1,5 +1,6 @@
-// Requests over HTTPS against the PHP processing site (Apache). What arrives over HTTP, and what a
-// failed request reports, is tested through the upload export (tests/api).
+// Requests over HTTPS against the PHP processing site (Apache), and an upload whose file cannot be
+// opened. What arrives over HTTP, and what a failed request reports, is tested through the upload
+// export (tests/api).
 #include "server/ServerInteractor.h"
 #include "ProcessingSite.h"
 #include "UploadFixture.h"
@@ -41,6 +42,18 @@ TEST(Https, OnlyATrustedCertificateCarriesUploadAndJob) {
     EXPECT_TRUE(server.pushJob(answer)) << server.lastError();
     ASSERT_EQ(site.jobs().size(), 1u);
     EXPECT_EQ(site.jobs()[0].value("body").toString(), "sn=42&file=data.bin");
+}
+
+// A packed item that is gone by the time of the upload: the message names it, and nothing is
+// sent (the configuration names a closed port, which would give another message).
+TEST(Upload, AFileThatCannotBeOpenedIsNamed) {
+    QTemporaryDir folder;
+    ServerInteractor server({});
+    ASSERT_TRUE(server.readConfiguration(dxtest::writeServerConfig(folder.path(), "127.0.0.1:1")));
+    const QString gone = folder.filePath("precalibration_cal7.zip");
+    QString answer;
+    EXPECT_FALSE(server.uploadFile(gone, answer));
+    EXPECT_EQ(server.lastError(), "Could not open file '" + gone.toStdString() + "'");
 }
 
 } // namespace
