@@ -116,7 +116,7 @@ QString pattern(QString text, const QMap<QString, QString>& patterns) {
 // gone when the host has unloaded the library.
 TEST_F(Upload, ThroughAHost) {
     const std::vector<QMap<QString, QString>> cases = readCases();
-    ASSERT_EQ(cases.size(), 58u);
+    ASSERT_EQ(cases.size(), 60u);
     const Proxy tinyproxy(work);
     // A test CA's, for {certificates}; in a folder whose name holds no blank.
     const QTemporaryDir certificates(QDir::tempPath() + "/dxCertificates-XXXXXX");
@@ -125,6 +125,7 @@ TEST_F(Upload, ThroughAHost) {
               0);
     for (const auto& c : cases) {
         SCOPED_TRACE(c["what"].toStdString());
+        const qint64 proxyLogBefore = QFileInfo(tinyproxy.log).size();
         const QStringList arrange = c["arrange"].split(' ', Qt::SkipEmptyParts);
         const QStringList options = c["options"].split(' ');
         const QString share = DX_SHARE_ROOT "/measurement/processing/" + c["share"];
@@ -209,6 +210,17 @@ TEST_F(Upload, ThroughAHost) {
             EXPECT_EQ(QJsonDocument(site->jobs().at(0)["fields"].toObject())
                           .toJson(QJsonDocument::Compact),
                       c["fields"].toUtf8());
+        }
+        if (c.contains("proxied")) {
+            const QString log = QString::fromUtf8(readFile(tinyproxy.log).mid(proxyLogBefore));
+            QStringList scripts;
+            auto requests =
+                QRegularExpression(R"(Request \(file descriptor \d+\): POST http://[^/]+/(\S+))")
+                    .globalMatch(log);
+            while (requests.hasNext())
+                scripts << requests.next().captured(1);
+            scripts.removeDuplicates(); // Qt asks once without credentials, then with them
+            EXPECT_EQ(scripts.join(' ').toStdString(), c["proxied"].toStdString());
         }
         if (c.contains("stages")) {
             std::vector<quint64> stages;
