@@ -116,7 +116,7 @@ QString pattern(QString text, const QMap<QString, QString>& patterns) {
 // gone when the host has unloaded the library.
 TEST_F(Upload, ThroughAHost) {
     const std::vector<QMap<QString, QString>> cases = readCases();
-    ASSERT_EQ(cases.size(), 64u);
+    ASSERT_EQ(cases.size(), 65u);
     const Proxy tinyproxy(work);
     // A test CA's, for {certificates}; in a folder whose name holds no blank.
     const QTemporaryDir certificates(QDir::tempPath() + "/dxCertificates-XXXXXX");

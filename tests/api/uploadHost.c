@@ -15,6 +15,8 @@
 static unsigned cancelStage = 0, cancelCall = 0, callsInStage = 0, lastStage = 0;
 /* namesize=N: the size the upload is told its name buffer has. */
 static size_t nameSize = 512;
+/* then=PATH: a second upload on the same handle, the one whose outcome is printed. */
+static const char* secondPath = NULL;
 
 static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint64_t total,
                                             void* context) {
@@ -60,6 +62,8 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         dataExchangeSetPackingThreads(handle, number);
     else if (strncmp(argument, "unicode=", 8) == 0)
         dataExchangeSetUnicodePaths(handle, number);
+    else if (strncmp(argument, "then=", 5) == 0)
+        secondPath = value;
 }
 
 /* With unicode=1 the path goes as UTF-8. A narrow main() gets it in the ANSI code page, where
@@ -92,6 +96,11 @@ int main(int argc, char** argv) {
         if (strcmp(argv[n], "unicode=1") == 0)
             argv[1] = (char*)utf8Path(argv[1]);
     result = dataExchangeUploadData(handle, argv[1], nameSize, name, &used);
+    if (secondPath != NULL) {
+        name[0] = '\0';
+        used = 0;
+        result = dataExchangeUploadData(handle, secondPath, nameSize, name, &used);
+    }
     if (dataExchangeGetLastErrors(handle, sizeof errors, errors) != Success || result == Success)
         errors[0] = '\0';
     dataExchangeGetStoredName(handle, sizeof stored, stored);
