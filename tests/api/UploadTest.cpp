@@ -14,6 +14,7 @@
 #include <QTcpServer>
 #include <QThread>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace dxtest;
 
@@ -239,4 +240,19 @@ TEST_F(Upload, ThroughAHost) {
         QDir(app).removeRecursively();
     }
     EXPECT_TRUE(readFile(tinyproxy.log).contains("uploadFile.php"));
+}
+
+// Verified delivery names a host that no name server knows. The host runs in a network namespace
+// of its own: no interface is up there, so the lookup fails on this machine and nothing leaves it.
+TEST_F(Upload, VerifiedDeliveryNamesAHostNotFound) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "a network namespace of its own (unshare --net) needs root";
+    if (QProcess::execute("unshare", {"--net", "true"}) != 0)
+        GTEST_SKIP() << "unshare --net is not permitted here";
+    ASSERT_FALSE(writeServerConfig(app, "dataexchange.invalid").isEmpty());
+    hostWrapper = QStringList{"unshare", "--net"};
+    const Outcome outcome = runHost(data + "/cal7", {"dev=0", "dt=0", "loc=2", "verified=1"});
+    EXPECT_EQ(outcome.result, DataHandlingFailed);
+    EXPECT_EQ(outcome.errors.section('\n', 0, 0).toStdString(),
+              "Host dataexchange.invalid not found");
 }

@@ -98,6 +98,7 @@ Outcome UploadFixture::runHost(const QString& source, const QStringList& options
     if (asNobody && geteuid() == 0)
         command =
             QStringList{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"} + command;
+    command = hostWrapper + command;
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     const QString program = command.takeFirst();
     process.start(program, command + options);

@@ -48,6 +48,8 @@ protected:
     Outcome runHost(const QString& source, const QStringList& options, bool asNobody = false,
                     bool withoutSsl = false);
 
+    // Runs the host through this command when set, e.g. {"unshare", "--net"}.
+    QStringList hostWrapper;
     QTemporaryDir work;
     // app/ holds the host, data/cal7 two small files, tmp/ the host's temporary folders.
     const QString app = work.filePath("app"), data = work.filePath("data"),
