@@ -387,11 +387,29 @@ output=$(cd "$build" && wine dataexchange-upload.exe --device-type 0 --data-type
     "Z:${abi//\//\\}\\data\\missing" </dev/null 2>&1) || status=$?
 check "missing folder" "$output" "File or folder Z:.*missing does not exist"
 ((status == 4)) || fail "missing folder: status $status, not 4"
+# The tool reads its arguments from the UTF-16 command line and turns the library's Unicode
+# paths on: a name outside code page 1252 is delivered, into the share of the UNC step, and
+# standard output, a pipe here, names it in UTF-8. --ansi-paths passes the path in code page 1252
+# as a narrow main() gets it, "Ø" as byte 0xD8, "ó" as 0xF3, "ł" and "ź" by best fit as "l" and
+# "z": a folder that does not exist, named in the message in those bytes.
+unicode=Kalibrierung_Ø5_łódź
+mkdir -p "$abi/data/$unicode"
+printf '7;8\n' >"$abi/data/$unicode/d.csv"
 status=0
-output=$(cd "$build" && wine dataexchange-upload.exe --device-type 0 --data-type 0 \
-    "Z:${abi//\//\\}\\data\\Kalibrierung_Ø5" </dev/null 2>&1) || status=$?
-((status == 9)) || fail "non-ASCII folder: status $status, not 9"
-echo "exit statuses 0 (above), 2, 4 and 9 as on Linux"
+output=$(cd "$build" && wine dataexchange-upload.exe --device-type 0 --data-type 0 --location 1 \
+    "Z:${abi//\//\\}\\data\\$unicode" </dev/null 2>"$abi/cli-stderr.log") || status=$?
+((status == 0)) || fail "$unicode: status $status, not 0: $output $(cat "$abi/cli-stderr.log")"
+check "$unicode" "$output" "^Delivered as: [0-9_-]{19}_precalibration_${unicode}\.zip$"
+delivered=$(sed -n 's/^Delivered as: \(.*\)\r$/\1/p' <<<"$output")
+unzip -tqq "$smoke/share/processing/cvX/precalibration/$delivered" ||
+    fail "$unicode: no sound archive $delivered in the share"
+status=0
+output=$(cd "$build" && wine dataexchange-upload.exe --ansi-paths --device-type 0 --data-type 0 \
+    --location 1 "Z:${abi//\//\\}\\data\\$unicode" </dev/null 2>&1) || status=$?
+LC_ALL=C grep -q $'Kalibrierung_\xd85_l\xf3dz does not exist' <<<"$output" ||
+    fail "--ansi-paths: no 'does not exist' for the code page 1252 name in: $output"
+((status == 4)) || fail "--ansi-paths: status $status, not 4"
+echo "exit statuses 0, 2 and 4 as on Linux; $unicode delivered, with --ansi-paths not found"
 
 step "win64 zip"
 # Its own fresh Wine prefix and no WINEPATH: this one's services are no longer needed.
