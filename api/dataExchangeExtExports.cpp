@@ -1,6 +1,7 @@
 // The opt-in extension exports: each stores one setting of the handle.
 #include "api/dataExchangeLibraryImp.h"
 #include "transfer/ParallelPacker.h"
+#include "transfer/RetryPolicy.h"
 
 #include <algorithm>
 #include <cstring>
@@ -88,6 +89,22 @@ dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads) 
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
 dataExchangeSetUnicodePaths(dataExchangeLibraryImp* handle, uint32_t enable) {
     return setSwitch(handle, "Unicode paths are", enable, &Extensions::unicodePaths);
+}
+
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetRetries(dataExchangeLibraryImp* handle,
+                                                                  uint32_t retries,
+                                                                  uint32_t firstDelayMilliseconds) {
+    using measurement::dataExchange::RetryPolicy;
+    const uint32_t kept = std::min(retries, RetryPolicy::maximumRetries);
+    const int32_t result = setExtension(handle, [&](Extensions& e) {
+        e.retries = kept;
+        e.retryDelayMilliseconds = firstDelayMilliseconds;
+    });
+    if (result != Success || kept == retries)
+        return result;
+    handle->appendError("Retries are at most " + std::to_string(kept) + "; " +
+                        std::to_string(retries) + " was cropped");
+    return ValueCropped;
 }
 
 } // extern "C"

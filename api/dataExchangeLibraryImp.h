@@ -84,6 +84,9 @@ struct dataExchangeLibraryImp {
         bool verifiedDelivery = false;
         uint32_t packingThreads = 1;
         bool unicodePaths = false;
+        uint32_t retries = 0;
+        uint32_t retryDelayMilliseconds = 1000;
+        std::string spoolFolder; // UTF-8; empty: no spool
     };
     Extensions extensions;
     // The server's answer to the last upload: the name it stored the item under.

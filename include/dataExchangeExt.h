@@ -1,9 +1,8 @@
 /*
  * dataExchange extensions: progress and cancel, a stall timeout, removal of the packed item, the
- * proxy of config.xml, verified delivery, packing on several threads and Unicode paths. Each is
- * opt-in per
- * handle; a handle that never calls these exports behaves exactly as one of a library without
- * them.
+ * proxy of config.xml, verified delivery, packing on several threads, Unicode paths, retries and a
+ * spool. Each is opt-in per handle; a handle that never calls these exports behaves exactly as
+ * one of a library without them.
  *
  *     static int32_t onProgress(uint32_t stage, uint64_t done, uint64_t total, void* context) {
  *         printf("stage %u: %llu of %llu\n", stage, (unsigned long long)done,
@@ -30,7 +29,8 @@ typedef enum dataExchangeStage {
     StageSharedFolder = 2, /* 0 of 1, then 1 of 1 */
     StageUpload = 3,       /* bytes sent / bytes of the request (first the packed item's size,
                               then the whole request body's once sending starts) */
-    StageJobRequest = 4    /* 0 of 1 while the job request runs, then 1 of 1 */
+    StageJobRequest = 4,   /* 0 of 1 while the job request runs, then 1 of 1 */
+    StageRetryWait = 5     /* milliseconds waited / milliseconds of the wait before a retry */
 } dataExchangeStage;
 
 /* Called on the thread that called dataExchangeUploadData, from inside that call: once at the
@@ -123,6 +123,55 @@ dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads);
  * the message "Unicode paths are 0 (off) or 1 (on), not <value>". */
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
 dataExchangeSetUnicodePaths(dataExchangeLibraryImp* handle, uint32_t enable);
+
+/* dataExchangeSetRetries() : 0 (the default) makes one attempt, as always. N > 0: a server
+ * delivery that fails for a passing fault is tried again, up to N more times, within the upload
+ * call. Passing faults: a refused or reset connection, a host not found, a stall timeout, HTTP
+ * 408, 429, 500, 502, 503 and 504. Never tried again: other answers, TLS failures, a cancel, an
+ * answer that names nothing (verified delivery), a connection closed without an answer after
+ * the whole item went out (the server may have stored it). Before attempt k the upload waits
+ * firstDelayMilliseconds * 2^(k-2), capped at 60 s, half of it plus up to as much again at
+ * random; a Retry-After of the server (up to 10 minutes) is honoured when it asks for longer.
+ * The wait is the progress stage StageRetryWait, and a cancel ends it at once. When the item was
+ * stored and only the job request failed, only the job request is made again. If the last
+ * attempt fails, the error list has one line per attempt: "Attempt <k> of <n>: <cause>".
+ * @return Success; ValueCropped when retries is over 20, with 20 kept and "Retries are at most
+ * 20; <retries> was cropped"; InvalidArgument for a NULL handle. */
+#define DATAEXCHANGE_MAX_RETRIES 20
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetRetries(dataExchangeLibraryImp* handle,
+                                                                  uint32_t retries,
+                                                                  uint32_t firstDelayMilliseconds);
+
+/* dataExchangeSetSpoolFolder() : NULL or "" (the default) keeps no item. A folder (UTF-8, made
+ * when first needed): an item whose delivery still fails after the retries (not after a cancel)
+ * is kept there, in a sub-folder of its own with the packed file and a manifest (options,
+ * destinations, the stored name if the upload went through, attempts, the last causes), and
+ * the error list ends with "The packed item is kept in the spool as '<folder>'". The spool's
+ * items are the host's data: unloading the library never removes them.
+ * @return Success, or InvalidArgument for a NULL handle. */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetSpoolFolder(dataExchangeLibraryImp* handle, const char* folder);
+
+/* dataExchangeSendSpooled() : delivers every item of the handle's spool folder, oldest first,
+ * with the options it was kept with, this handle's retries, stall timeout, proxy and progress
+ * callback, and verified delivery always on: an item leaves the spool only once the server named
+ * what it stored. An item another process is sending is left to it; an item whose manifest
+ * cannot be read is set aside (renamed to "<item>.broken", its packed file kept) with a message.
+ * delivered and remaining (each may be NULL) receive the counts.
+ * @return Success when nothing remains; DataHandlingFailed with one message per item that
+ * remains; InvalidArgument for a NULL handle, or with "No spool folder set" when none is. */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSendSpooled(dataExchangeLibraryImp* handle,
+                                                                   uint32_t* delivered,
+                                                                   uint32_t* remaining);
+
+/* dataExchangeListSpooled() : the spool's items, one line each, oldest first:
+ * "<item>\t<packed name>\t<destinations>\t<attempts>\t<last cause>\n", the destinations as
+ * "1", "2" or "1,2", the last cause's line breaks as blanks; "" for an empty spool. Copied as
+ * dataExchangeGetLastErrors copies: @return Success, BufferTooSmall (first bufferSize bytes, no
+ * terminator), InvalidArgument for a NULL handle, a NULL buffer with a non-zero size, or with
+ * "No spool folder set". */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeListSpooled(dataExchangeLibraryImp* handle,
+                                                                   size_t bufferSize, char* buffer);
 
 #ifdef __cplusplus
 }

@@ -19,6 +19,8 @@ struct RequestControl {
     // Unicode paths: the upload names its file in UTF-8, not in the system's 8-bit encoding, so
     // the server stores it under its real name.
     bool utf8FileName = false;
+    // Retries are on: failed requests are described for the attempts' list, TLS errors included.
+    bool retries = false;
 };
 
 } // namespace measurement::dataExchange

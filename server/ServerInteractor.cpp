@@ -4,6 +4,7 @@
 #include "api/LibraryGlobals.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
@@ -266,10 +267,17 @@ void ServerInteractor::_waitFor(QNetworkReply* reply) {
                "a request waits on a QEventLoop, which needs a QCoreApplication");
     cancelled = false;
     stallAborted = false;
+    bodySent = false;
     tlsErrors.clear();
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    if (control.verified)
+    // Whether the whole body went out (into the socket, if not yet to the server). Qt ends
+    // with a spurious (0, 0), and starts again from 0 when it re-sends by itself.
+    connect(reply, &QNetworkReply::uploadProgress, &loop, [this](qint64 done, qint64 total) {
+        if (total > 0)
+            bodySent = done == total;
+    });
+    if (control.verified || control.retries)
         connect(reply, &QNetworkReply::sslErrors, &loop, [this](const QList<QSslError>& errors) {
             for (const QSslError& e : errors)
                 tlsErrors.push_back("TLS: " + e.errorString().toStdString() + " (certificate '" +
@@ -332,17 +340,64 @@ bool ServerInteractor::useConfiguredProxy() {
 }
 
 bool ServerInteractor::_replyFailed(const QNetworkReply* reply) {
+    transient = false;
+    lostAnswer = false;
+    retryAfter = -1;
+    cause.clear();
     if (reply->error() == QNetworkReply::NoError)
         return false;
     if (stallAborted)
-        lastErrorMessage = "No data moved for " + std::to_string(control.stallTimeoutSeconds) +
-                           " seconds; request to '" + reply->url().toString().toStdString() +
-                           "' aborted";
-    else if (control.verified)
-        lastErrorMessage = _failureCause(reply);
+        cause = "No data moved for " + std::to_string(control.stallTimeoutSeconds) +
+                " seconds; request to '" + reply->url().toString().toStdString() + "' aborted";
     else
-        lastErrorMessage = reply->errorString().toStdString();
+        cause = _failureCause(reply);
+    lastErrorMessage =
+        stallAborted || control.verified ? cause : reply->errorString().toStdString();
+    transient = _isTransient(reply);
+    lostAnswer = reply->error() == QNetworkReply::RemoteHostClosedError && bodySent && !cancelled;
+    if (reply->hasRawHeader("Retry-After")) {
+        // Seconds, or an HTTP date.
+        const QByteArray value = reply->rawHeader("Retry-After").trimmed();
+        bool number = false;
+        const int seconds = value.toInt(&number);
+        const QDateTime at = QDateTime::fromString(QString::fromLatin1(value), Qt::RFC2822Date);
+        if (number && seconds >= 0)
+            retryAfter = seconds;
+        else if (!number && at.isValid())
+            retryAfter =
+                int(qBound<qint64>(0, QDateTime::currentDateTimeUtc().secsTo(at), INT_MAX));
+    }
     return true;
+}
+
+bool ServerInteractor::_isTransient(const QNetworkReply* reply) const {
+    if (cancelled)
+        return false;
+    if (stallAborted)
+        return true;
+    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    if (status.isValid()) {
+        const int code = status.toInt();
+        return code == 408 || code == 429 || code == 500 || code == 502 || code == 503 ||
+               code == 504;
+    }
+    switch (reply->error()) {
+    case QNetworkReply::RemoteHostClosedError:
+        return !bodySent;
+    case QNetworkReply::ConnectionRefusedError:
+    case QNetworkReply::HostNotFoundError:
+    case QNetworkReply::TimeoutError:
+    case QNetworkReply::TemporaryNetworkFailureError:
+    case QNetworkReply::NetworkSessionFailedError:
+    case QNetworkReply::UnknownNetworkError: // a reset connection, among others
+    case QNetworkReply::ProxyConnectionRefusedError:
+    case QNetworkReply::ProxyConnectionClosedError:
+    case QNetworkReply::ProxyNotFoundError:
+    case QNetworkReply::ProxyTimeoutError:
+        return true;
+    default:
+        return false;
+    }
 }
 
 // The causes of a failed request in the order they happened, one a line.

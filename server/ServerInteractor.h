@@ -48,6 +48,18 @@ public:
     // Why the last request failed, beyond lastError().
     bool wasCancelled() const { return cancelled; }
     bool stalled() const { return stallAborted; }
+    // The last failed request's cause as verified delivery words it, whatever the mode.
+    const std::string& failureCause() const { return cause; }
+    // Whether the last failure may pass if the request is made again: refused, reset or timed
+    // out connections, a host not found (yet), a stall, HTTP 408, 429, 500, 502, 503 and 504.
+    // Not: other answers, TLS failures, a cancel, an answer that names nothing, and a connection
+    // closed without an answer after the whole body went out (the server may have stored it,
+    // and Qt has already sent it once more by itself).
+    bool failureIsTransient() const { return transient; }
+    // The last failure was a connection closed without an answer after the whole body went out.
+    bool answerLost() const { return lostAnswer; }
+    // The seconds of the last answer's Retry-After, or -1.
+    int retryAfterSeconds() const { return retryAfter; }
 
     const ServerSettings& serverSettings() const { return server; }
     const ProxySettings& proxySettings() const { return proxy; }
@@ -68,6 +80,7 @@ private:
     void _waitFor(QNetworkReply* reply);
     bool _replyFailed(const QNetworkReply* reply);
     std::string _failureCause(const QNetworkReply* reply) const;
+    bool _isTransient(const QNetworkReply* reply) const;
 
     ServerSettings server;
     ProxySettings proxy;
@@ -80,6 +93,11 @@ private:
     bool proxyConfigured = false;
     bool cancelled = false;
     bool stallAborted = false;
+    bool transient = false;
+    bool bodySent = false;
+    bool lostAnswer = false;
+    int retryAfter = -1;
+    std::string cause;
     std::vector<std::string> tlsErrors; // of the running request, in verified delivery
 };
 

@@ -20,6 +20,7 @@ class QuaZip;
 namespace measurement::dataExchange {
 
 class ParallelPacker;
+class ServerInteractor;
 
 class FileHandler : public QObject {
     Q_OBJECT
@@ -35,9 +36,17 @@ public:
     // Packs fileOrFolder and delivers it to each destination of location in turn until one
     // takes it; gives back the delivered file name and the destination.
     bool handleData(const QString& fileOrFolder, QString& writtenFileName, uint32_t& usedLocation);
+    // Delivers an item packed already (by handleData, or kept in the spool) to each destination
+    // of location in turn until one takes it.
+    bool deliver(const QString& packedPath, QString& writtenFileName, uint32_t& usedLocation);
 
     // Opt-in behaviour set on the handle: progress and cancel, stall timeout, proxy.
     void useExtensions(const dataExchangeLibraryImp::Extensions& settings);
+    bool cancelled() const { return progress.cancelled(); }
+    // A failed delivery as the host is told it: error, or a fixed text where a step left none.
+    std::string handlingFailure() const {
+        return error.empty() ? "Unknown error handling data" : error;
+    }
     // How this upload names files to the system.
     const UploadPaths& paths() const { return pathMode; }
 
@@ -52,6 +61,12 @@ public:
     std::string temporaryFolder;
     // The server's answer to the upload: the name it stored the item under.
     QString storedName;
+    // The upload was stored; only the job request is still to be made.
+    bool uploadStored = false;
+    // Where the spool keeps the item after a failed delivery, or why it could not.
+    std::string kept;
+    // Delivery attempts made, to the shared folder and to the server.
+    uint32_t attempts = 0;
 
 private:
     friend struct FileHandlerProbe; // lets the tests drive single steps
@@ -63,6 +78,7 @@ private:
                         const QByteArray& archiveName);
     bool _performUpload(const QString& packedPath, const dataExchangeLocation& location);
     bool _deliverToServer(const QString& packedPath);
+    bool _sendOnce(ServerInteractor& interactor, const QString& packedPath);
     RequestControl _requestControl(uint32_t stage);
     bool _stopped();
 

@@ -4,6 +4,8 @@
 #include "System.h"
 #include "api/Signature.h"
 #include "server/ServerInteractor.h"
+#include "transfer/RetryPolicy.h"
+#include "transfer/Spool.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -77,13 +79,26 @@ QString findConfiguration(const UploadPaths& paths) {
 
 bool FileHandler::handleData(const QString& fileOrFolder, QString& writtenFileName,
                              uint32_t& usedLocation) {
-    const std::vector<dataExchangeLocation> tries = destinations(location);
     QString packedPath;
     if ((extensions.verifiedDelivery && !_verifySource(fileOrFolder)) ||
         !_packData(fileOrFolder, packedPath) ||
         !progress.report(StagePacking, packingTotal, packingTotal))
         return _stopped();
-    for (const dataExchangeLocation destination : tries) {
+    if (deliver(packedPath, writtenFileName, usedLocation))
+        return true;
+    if (progress.cancelled())
+        return false;
+    // Where the item stays, unless the host asked for it to go with the call.
+    if (!extensions.spoolFolder.empty())
+        Spool(QString::fromStdString(extensions.spoolFolder)).keep(*this, packedPath, kept);
+    if (extensions.verifiedDelivery && !extensions.removePackage && QFileInfo::exists(packedPath))
+        error += (error.empty() ? "" : "\n") + ("The packed item stays at " + quoted(packedPath));
+    return false;
+}
+
+bool FileHandler::deliver(const QString& packedPath, QString& writtenFileName,
+                          uint32_t& usedLocation) {
+    for (const dataExchangeLocation destination : destinations(location)) {
         if (_performUpload(packedPath, destination)) {
             writtenFileName = QFileInfo(packageName).fileName();
             usedLocation = destination;
@@ -92,9 +107,6 @@ bool FileHandler::handleData(const QString& fileOrFolder, QString& writtenFileNa
         if (progress.cancelled())
             return _stopped();
     }
-    // Where the item stays, unless the host asked for it to go with the call.
-    if (extensions.verifiedDelivery && !extensions.removePackage && QFileInfo::exists(packedPath))
-        error += (error.empty() ? "" : "\n") + ("The packed item stays at " + quoted(packedPath));
     return false;
 }
 
@@ -106,6 +118,7 @@ bool FileHandler::_stopped() {
 
 bool FileHandler::_performUpload(const QString& packedPath, const dataExchangeLocation& location) {
     if (location == SharedFolder) {
+        ++attempts;
         if (!progress.report(StageSharedFolder, 0, 1))
             return false;
         const QString folder = QStringLiteral(DATAEXCHANGE_SHARED_FOLDER)
@@ -171,25 +184,60 @@ bool FileHandler::_deliverToServer(const QString& packedPath) {
         error = interactor.lastError();
         return false;
     }
-    uploadTotal = quint64(QFileInfo(packedPath).size());
-    if (!progress.report(StageUpload, 0, uploadTotal))
-        return false;
-    interactor.setRequestControl(_requestControl(StageUpload));
-    QString answer;
-    // A failed upload leaves error as it was: the caller then reports its own fall-back.
-    // Only a stall timeout or verified delivery, which a host asked for, names its cause.
-    const bool uploaded = interactor.uploadFile(packedPath, answer);
-    storedName = answer;
-    if (!uploaded) {
-        if (interactor.stalled() || extensions.verifiedDelivery)
-            error = interactor.lastError();
-        return false;
+    const RetryPolicy retry(extensions.retries, extensions.retryDelayMilliseconds);
+    std::string attempts;
+    for (uint32_t attempt = 1;; ++attempt) {
+        if (_sendOnce(interactor, packedPath))
+            return true;
+        if (progress.cancelled() || !retry.enabled())
+            return false;
+        const bool again = attempt < retry.attempts() && interactor.failureIsTransient();
+        const std::string cause =
+            interactor.failureCause().empty() ? interactor.lastError() : interactor.failureCause();
+        attempts +=
+            (attempts.empty() ? "" : "\n") + ("Attempt " + std::to_string(attempt) + " of " +
+                                              std::to_string(retry.attempts()) + ": " + cause);
+        if (!again) {
+            if (attempt < retry.attempts())
+                attempts += interactor.answerLost()
+                                ? " (after the whole item went out: the server may have stored "
+                                  "it, so it is not sent again)"
+                                : " (not a passing fault: not tried again)";
+            error = attempts;
+            return false;
+        }
+        if (!RetryPolicy::wait(retry.delayBefore(attempt + 1, interactor.retryAfterSeconds()),
+                               progress))
+            return false;
     }
-    if (!progress.report(StageUpload, uploadTotal, uploadTotal) ||
-        !progress.report(StageJobRequest, 0, 1))
+}
+
+// One attempt: the upload (unless an earlier attempt stored the item), then the job request.
+bool FileHandler::_sendOnce(ServerInteractor& interactor, const QString& packedPath) {
+    ++attempts;
+    if (!uploadStored) {
+        uploadTotal = quint64(QFileInfo(packedPath).size());
+        if (!progress.report(StageUpload, 0, uploadTotal))
+            return false;
+        interactor.setRequestControl(_requestControl(StageUpload));
+        QString answer;
+        // A failed upload leaves error as it was: the caller then reports its own fall-back.
+        // Only a stall timeout or verified delivery, which a host asked for, names its cause.
+        const bool uploaded = interactor.uploadFile(packedPath, answer);
+        storedName = answer;
+        if (!uploaded) {
+            if (interactor.stalled() || extensions.verifiedDelivery)
+                error = interactor.lastError();
+            return false;
+        }
+        uploadStored = true;
+        if (!progress.report(StageUpload, uploadTotal, uploadTotal))
+            return false;
+    }
+    if (!progress.report(StageJobRequest, 0, 1))
         return false;
     interactor.setRequestControl(_requestControl(StageJobRequest));
-    if (!interactor.pushJob(answer)) {
+    if (!interactor.pushJob(storedName)) {
         if (progress.cancelled())
             return false;
         error = interactor.lastError();
@@ -206,6 +254,7 @@ RequestControl FileHandler::_requestControl(uint32_t stage) {
     control.stallTimeoutSeconds = extensions.stallTimeoutSeconds;
     control.verified = extensions.verifiedDelivery;
     control.utf8FileName = pathMode.unicode();
+    control.retries = extensions.retries > 0;
     if (!progress.active())
         return control;
     control.progress = [this, stage](quint64 done, quint64 total) {

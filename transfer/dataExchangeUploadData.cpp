@@ -83,7 +83,8 @@ dataExchangeUploadData(dataExchangeLibraryImp* handle, const char* fileOrFolderN
     const bool delivered = handler.handleData(QString::fromUtf8(fileOrFolderName), name, used);
     handle->storedName = handler.storedName.toStdString();
     if (!delivered)
-        return fail(*handle, message::orFallback(handler.error, "Unknown error handling data"),
+        return fail(*handle,
+                    handler.handlingFailure() + (handler.kept.empty() ? "" : "\n" + handler.kept),
                     DataHandlingFailed);
     // The destination is reported even when the name does not fit: the data was delivered.
     if (usedLocation != nullptr)

@@ -9,7 +9,8 @@ EXPECTED = {"dataExchange" + name for name in (
     "SetStringOption UploadData "
     # Opt-in extensions.
     "SetProgressCallback SetStallTimeout SetRemovePackage SetUseConfiguredProxy "
-    "SetVerifiedDelivery GetStoredName SetPackingThreads SetUnicodePaths").split()}
+    "SetVerifiedDelivery GetStoredName SetPackingThreads SetUnicodePaths "
+    "SetRetries SetSpoolFolder SendSpooled ListSpooled").split()}
 
 
 def output(*command):

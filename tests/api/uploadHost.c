@@ -5,6 +5,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#ifndef _WIN32
+#include <signal.h>
+#include <sys/types.h>
+#endif
 #ifdef _WIN32
 #include <windows.h>
 
@@ -17,11 +21,26 @@ static unsigned cancelStage = 0, cancelCall = 0, callsInStage = 0, lastStage = 0
 static size_t nameSize = 512;
 /* then=PATH: a second upload on the same handle, the one whose outcome is printed. */
 static const char* secondPath = NULL;
+/* spooled=send or spooled=list: the spool's exports instead of an upload. */
+static const char* spooled = "";
+/* restart=PIDFILE: SIGHUP to that process once the upload has sent its first bytes. */
+static const char* restartPidFile = NULL;
 
 static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint64_t total,
                                             void* context) {
     (void)context;
     callsInStage = stage == lastStage ? callsInStage + 1 : 1;
+#ifndef _WIN32
+    if (restartPidFile != NULL && stage == StageUpload && done > 0) {
+        FILE* file = fopen(restartPidFile, "r");
+        int pid = 0;
+        if (file != NULL && fscanf(file, "%d", &pid) == 1 && pid > 0)
+            kill(pid, SIGHUP);
+        if (file != NULL)
+            fclose(file);
+        restartPidFile = NULL;
+    }
+#endif
     lastStage = stage;
     printf("progress=%u %llu %llu\n", (unsigned)stage, (unsigned long long)done,
            (unsigned long long)total);
@@ -64,6 +83,14 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         dataExchangeSetUnicodePaths(handle, number);
     else if (strncmp(argument, "then=", 5) == 0)
         secondPath = value;
+    else if (strncmp(argument, "retries=", 8) == 0) /* retries=N:FIRST-DELAY-MS */
+        dataExchangeSetRetries(handle, number, (uint32_t)strtoul(strchr(value, ':') + 1, NULL, 10));
+    else if (strncmp(argument, "spool=", 6) == 0)
+        dataExchangeSetSpoolFolder(handle, value);
+    else if (strncmp(argument, "spooled=", 8) == 0)
+        spooled = value;
+    else if (strncmp(argument, "restart=", 8) == 0)
+        restartPidFile = value;
 }
 
 /* With unicode=1 the path goes as UTF-8. A narrow main() gets it in the ANSI code page, where
@@ -95,7 +122,19 @@ int main(int argc, char** argv) {
     for (n = 2; n < argc; ++n)
         if (strcmp(argv[n], "unicode=1") == 0)
             argv[1] = (char*)utf8Path(argv[1]);
-    result = dataExchangeUploadData(handle, argv[1], nameSize, name, &used);
+    if (strcmp(spooled, "send") == 0) {
+        uint32_t delivered = 0, remaining = 0;
+        result = dataExchangeSendSpooled(handle, &delivered, &remaining);
+        printf("delivered=%u\nremaining=%u\n", (unsigned)delivered, (unsigned)remaining);
+    } else if (strcmp(spooled, "list") == 0) {
+        static char list[65536];
+        char* line;
+        result = dataExchangeListSpooled(handle, sizeof list, list);
+        for (line = strtok(list, "\n"); result == Success && line != NULL;
+             line = strtok(NULL, "\n"))
+            printf("spooled=%s\n", line);
+    } else
+        result = dataExchangeUploadData(handle, argv[1], nameSize, name, &used);
     if (secondPath != NULL) {
         name[0] = '\0';
         used = 0;

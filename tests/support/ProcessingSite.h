@@ -24,6 +24,10 @@ public:
     // What the site recorded: one object per request, oldest first.
     std::vector<QJsonObject> uploads() const { return records("uploads.jsonl"); }
     std::vector<QJsonObject> jobs() const { return records("jobs.jsonl"); }
+    // Every request the Python site saw, faulty or not: {"script", "fault"}.
+    std::vector<QJsonObject> requests() const { return records("requests.jsonl"); }
+    // The site's own folder (the PHP site keeps apache.pid there).
+    QString file(const QString& name) const { return folder.filePath(name); }
     void stop();
 
 private:

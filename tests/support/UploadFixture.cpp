@@ -5,6 +5,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,12 @@ bool writeFile(const QString& path, const QByteArray& content) {
     QFile file(path);
     return QDir().mkpath(QFileInfo(path).path()) && file.open(QIODevice::WriteOnly) &&
            file.write(content) == content.size();
+}
+
+QByteArray randomBytes(int size) {
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(bytes.data()), size / 4);
+    return bytes;
 }
 
 QByteArray readFile(const QString& path) {
@@ -121,6 +128,8 @@ Outcome UploadFixture::runHost(const QString& source, const QStringList& options
         else if (key == "progress")
             outcome.progress.push_back(
                 {n[0].toULongLong(), n[1].toULongLong(), n[2].toULongLong()});
+        else if (!key.isEmpty())
+            outcome.values[key] += (outcome.values.contains(key) ? "\n" : "") + value;
     }
     return outcome;
 }

@@ -7,6 +7,7 @@
 #include "dataExchange.h"
 
 #include <QJsonObject>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -18,6 +19,7 @@ namespace dxtest {
 
 bool writeFile(const QString& path, const QByteArray& content); // makes missing folders
 QByteArray readFile(const QString& path);
+QByteArray randomBytes(int size); // data that does not deflate
 // config.xml in folder; the Port element is deliberately wrong: only the Name may carry it.
 QString writeServerConfig(const QString& folder, const QString& name,
                           const QString& protocol = "http", const QString& extra = {});
@@ -35,6 +37,7 @@ struct Outcome {
     uint32_t location = 0;
     QString errors;
     std::vector<std::array<quint64, 3>> progress; // stage, done, total of each callback
+    QMap<QString, QString> values;                // every other key=value line; "spooled" joined
 };
 
 Outcome upload(dataExchangeLibraryImp* handle, const QString& path);

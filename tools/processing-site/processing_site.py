@@ -16,6 +16,7 @@ import os
 import signal
 import socket
 import ssl
+import struct
 import sys
 import threading
 import time
@@ -216,9 +217,23 @@ class Site:
         self.empty_body = set(args.empty_body)
         self.delay = dict(args.delay)
         self.close = set(args.close)
+        # script -> [kind, requests left]: the first requests of a script meet a fault.
+        self.faults = {script: [kind, count] for script, (kind, count) in args.fault}
+        self.requests_file = os.path.join(self.root, "requests.jsonl")
         self.quiet = args.quiet
         self.lock = threading.Lock()
         os.makedirs(self.storage, exist_ok=True)
+
+    def take_fault(self, script):
+        """The fault this request of the script meets, if any; every request is logged."""
+        with self.lock:
+            fault = self.faults.get(script)
+            kind = None
+            if fault and fault[1] > 0:
+                fault[1] -= 1
+                kind = fault[0]
+        self.record(self.requests_file, {"script": script, "fault": kind})
+        return kind
 
     def record(self, path, entry):
         line = json.dumps(entry, ensure_ascii=False) + "\n"
@@ -260,6 +275,20 @@ class Handler(BaseHTTPRequestHandler):
             self.answer(411, "Content-Length required\n")
             return
         body = BodyReader(self.rfile, int(length))
+        fault = self.server.site.take_fault(script)
+        if fault == "busy":
+            body.drain()
+            self.answer(503, "Busy, come back later\n", {"Retry-After": "1"})
+            return
+        if fault in ("reset", "cut"):
+            half = body.left // 2
+            while fault == "cut" and body.left > half:  # half the body, then gone
+                data = body.stream.read1(min(CHUNK, body.left - half))
+                if not data:
+                    break
+                body.left -= len(data)
+            self.reset()
+            return
         try:
             if script == UPLOAD_SCRIPT:
                 status, text = self.upload(body)
@@ -274,14 +303,20 @@ class Handler(BaseHTTPRequestHandler):
         except DropConnection:
             self.close_connection = True
             return
-        self.finish_faulty(script, status, text)
+        self.finish_faulty(script, status, text, fault == "close")
 
-    def finish_faulty(self, script, status, text):
+    def reset(self):
+        """Ends the connection with a reset, as a crashing server or a broken link does."""
+        self.close_connection = True
+        self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.connection.close()
+
+    def finish_faulty(self, script, status, text, close=False):
         """Answers, bent by the fault switches of the script."""
         site = self.server.site
         if script in site.delay:
             time.sleep(site.delay[script])
-        if script in site.close:
+        if close or script in site.close:
             self.close_connection = True
             self.connection.shutdown(socket.SHUT_RDWR)
             return
@@ -291,9 +326,11 @@ class Handler(BaseHTTPRequestHandler):
             text = ""
         self.answer(status, text)
 
-    def answer(self, status, text):
+    def answer(self, status, text, headers=None):
         data = text.encode("utf-8")
         self.send_response(status)
+        for name, value in (headers or {}).items():
+            self.send_header(name, value)
         self.send_header("Content-Type", "text/plain; charset=utf-8")
         self.send_header("Content-Length", str(len(data)))
         if self.close_connection:
@@ -399,6 +436,13 @@ def script_value(text, convert):
     return SCRIPT_ALIASES[script], convert(value)
 
 
+def fault_value(text):
+    kind, sep, count = text.partition(":")
+    if kind not in ("busy", "reset", "cut", "close") or not sep or not count.isdigit():
+        raise argparse.ArgumentTypeError("expected busy|reset|cut|close:N, got %r" % text)
+    return kind, int(count)
+
+
 def script_name(text):
     if text not in SCRIPT_ALIASES:
         raise argparse.ArgumentTypeError("expected upload or job, got %r" % text)
@@ -425,6 +469,12 @@ def parse_arguments(argv):
     parser.add_argument("--close", action="append", default=[], metavar="SCRIPT",
                         type=script_name,
                         help="read the request, then close the connection without answering")
+    parser.add_argument("--fault", action="append", default=[], metavar="SCRIPT=KIND:N",
+                        type=lambda t: script_value(t, fault_value),
+                        help="the first N requests of the script meet a fault: busy (503 with "
+                             "Retry-After: 1), reset (the connection reset before reading), cut "
+                             "(reset after half the body), close (handled, then closed without "
+                             "an answer); every request is logged in requests.jsonl")
     parser.add_argument("--quiet", action="store_true", help="no request log on stderr")
     parser.add_argument("--watch-stdin", action="store_true",
                         help="stop when standard input closes (a parent that dies ends the site)")
