@@ -167,6 +167,7 @@ bool ServerInteractor::readProxyElement(QXmlStreamReader& reader) {
 bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
     debugPrint("Using SSL lib version %s",
                QSslSocket::sslLibraryBuildVersionString().toStdString().c_str());
+    _forgetLastFailure();
     if (_sslMissing())
         return false;
     // The file object comes first so that it outlives the manager and with it the reply that
@@ -214,6 +215,7 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
 }
 
 bool ServerInteractor::pushJob(const QString& serverFileName) {
+    _forgetLastFailure();
     if (_sslMissing())
         return false;
     QNetworkAccessManager manager(this);
@@ -250,6 +252,12 @@ QUrl ServerInteractor::_scriptUrl(const QString& scriptName) const {
     // The port never goes into the URL; a Name like "host:8443" carries one when needed.
     return QUrl(QStringLiteral("%1://%2/%3").arg(server.protocol, server.name, scriptName),
                 QUrl::TolerantMode);
+}
+
+void ServerInteractor::_forgetLastFailure() {
+    transient = lostAnswer = false;
+    retryAfter = -1;
+    cause.clear();
 }
 
 bool ServerInteractor::_sslMissing() {
@@ -340,10 +348,7 @@ bool ServerInteractor::useConfiguredProxy() {
 }
 
 bool ServerInteractor::_replyFailed(const QNetworkReply* reply) {
-    transient = false;
-    lostAnswer = false;
-    retryAfter = -1;
-    cause.clear();
+    _forgetLastFailure();
     if (reply->error() == QNetworkReply::NoError)
         return false;
     if (stallAborted)

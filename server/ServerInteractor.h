@@ -76,6 +76,7 @@ private:
 
     QUrl _scriptUrl(const QString& scriptName) const;
     bool _sslMissing();
+    void _forgetLastFailure();
     void _prepare(QNetworkRequest& request, QNetworkAccessManager& manager) const;
     void _waitFor(QNetworkReply* reply);
     bool _replyFailed(const QNetworkReply* reply);

@@ -77,16 +77,50 @@ TEST(UploadArguments, SwitchesAndStoredName) {
     dataExchangeClose(&handle);
 }
 
-// Packing threads: 0 (one per core) to 32; more are cropped to 32.
-TEST(UploadArguments, PackingThreads) {
+// Packing threads: 0 (one per core) to 32, retries: up to 20; more are cropped, with a message.
+TEST(UploadArguments, CroppedCounts) {
+    using SetCount = int32_t(DATAEXCHANGE_CALL*)(dataExchangeLibraryImp*, uint32_t);
+    const struct {
+        SetCount set;
+        uint32_t largest;
+        const char* cropped;
+    } counts[] = {
+        {dataExchangeSetPackingThreads, 32, "Packing threads are at most 32; 33 was cropped\n"},
+        {[](dataExchangeLibraryImp* h, uint32_t n) { return dataExchangeSetRetries(h, n, 0); }, 20,
+         "Retries are at most 20; 21 was cropped\n"},
+    };
     dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
-    EXPECT_EQ(dataExchangeSetPackingThreads(nullptr, 2), InvalidArgument);
-    EXPECT_EQ(dataExchangeSetPackingThreads(handle, 0), Success);
-    EXPECT_EQ(dataExchangeSetPackingThreads(handle, 32), Success);
-    EXPECT_EQ(dataExchangeSetPackingThreads(handle, 33), ValueCropped);
+    for (const auto& c : counts) {
+        EXPECT_EQ(c.set(nullptr, 2), InvalidArgument);
+        EXPECT_EQ(c.set(handle, 0), Success);
+        EXPECT_EQ(c.set(handle, c.largest), Success);
+        EXPECT_EQ(c.set(handle, c.largest + 1), ValueCropped);
+        char text[64] = "";
+        dataExchangeGetLastErrors(handle, sizeof text, text);
+        EXPECT_STREQ(text, c.cropped);
+    }
+    dataExchangeClose(&handle);
+}
+
+// The spool's exports want a handle, and a folder to work on.
+TEST(UploadArguments, SpoolWithoutFolder) {
+    uint32_t delivered = 9, remaining = 9;
+    char list[8] = "#";
+    EXPECT_EQ(dataExchangeSetSpoolFolder(nullptr, "x"), InvalidArgument);
+    EXPECT_EQ(dataExchangeSendSpooled(nullptr, &delivered, &remaining), InvalidArgument);
+    EXPECT_EQ(dataExchangeListSpooled(nullptr, sizeof list, list), InvalidArgument);
+    dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
+    EXPECT_EQ(dataExchangeListSpooled(handle, 8, nullptr), InvalidArgument);
+    EXPECT_EQ(dataExchangeSetSpoolFolder(handle, "x"), Success);
+    EXPECT_EQ(dataExchangeSetSpoolFolder(handle, nullptr), Success); // no spool again
     char text[64] = "";
+    EXPECT_EQ(dataExchangeSendSpooled(handle, &delivered, &remaining), InvalidArgument);
     dataExchangeGetLastErrors(handle, sizeof text, text);
-    EXPECT_STREQ(text, "Packing threads are at most 32; 33 was cropped\n");
+    EXPECT_STREQ(text, "No spool folder set\n");
+    EXPECT_EQ(delivered + remaining, 0u);
+    EXPECT_EQ(dataExchangeListSpooled(handle, sizeof list, list), InvalidArgument);
+    dataExchangeGetLastErrors(handle, sizeof text, text);
+    EXPECT_STREQ(text, "No spool folder set\n");
     dataExchangeClose(&handle);
 }
 

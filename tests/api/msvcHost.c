@@ -323,6 +323,19 @@ static void extensions(dataExchangeLibraryImp* handle) {
     result("dataExchangeGetLastErrors", dataExchangeGetLastErrors(handle, 128, buffer), Success);
     text("errors of the refused call",
          equal(buffer, "Unicode paths are 0 (off) or 1 (on), not 2\n"), buffer);
+    result("dataExchangeSetRetries", dataExchangeSetRetries(handle, 2, 10), Success);
+    result("dataExchangeSetSpoolFolder(NULL)", dataExchangeSetSpoolFolder(handle, 0), Success);
+    {
+        uint32_t delivered = 7, remaining = 7;
+        result("dataExchangeSendSpooled without a folder",
+               dataExchangeSendSpooled(handle, &delivered, &remaining), InvalidArgument);
+        number("delivered and remaining without a folder", delivered + remaining, 0);
+    }
+    result("dataExchangeListSpooled without a folder", dataExchangeListSpooled(handle, 128, buffer),
+           InvalidArgument);
+    fill(buffer, 128);
+    dataExchangeGetLastErrors(handle, 128, buffer);
+    text("errors of the spool without a folder", equal(buffer, "No spool folder set\n"), buffer);
 }
 
 static void upload(dataExchangeLibraryImp* handle) {
