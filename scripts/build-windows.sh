@@ -377,6 +377,21 @@ echo "Unicode paths off: results 10 and 40 as before; verified delivery names th
 # The prefix's own temporary folder again for the steps that follow.
 set_temp '%USERPROFILE%\Temp' REG_EXPAND_SZ
 
+step "retries and the spool (uploadHost.exe)"
+# A site that is away: every attempt refused, the item kept in a spool folder of the host's; the
+# site back: the spool sent, under the item's lock, and empty afterwards.
+spool_folder="Z:${abi//\//\\}\\spool"
+printf '<Configuration><Server><Name>127.0.0.1:1</Name><Protocol>http</Protocol><Port>9</Port><Timeout>30</Timeout></Server></Configuration>\n' \
+    >"$abi/app/config.xml"
+host app cal7 loc=2 retries=1:0 "spool=$spool_folder"
+check "kept" "$output" "^result=40$" "^Attempt 2 of 2: Connection to 127.0.0.1:1 refused$" \
+    "^The packed item is kept in the spool as 'Z:.*spool.[0-9]{8}-[0-9]{9}-[0-9a-f]{8}'$"
+config "$abi/app" http http
+host app - spooled=send "spool=$spool_folder"
+check "sent" "$output" "^result=0$" "^delivered=1$" "^remaining=0$"
+[ -z "$(ls -A "$abi/spool")" ] || fail "the spool is not empty: $(ls -A "$abi/spool")"
+echo "kept after two refused attempts, delivered from the spool, the spool empty"
+
 step "dataexchange-upload.exe: exit statuses"
 status=0
 output=$(cd "$build" && wine dataexchange-upload.exe --serial 12ab x </dev/null 2>&1) || status=$?
