@@ -72,6 +72,9 @@ dataExchangeSetUseConfiguredProxy(dataExchangeLibraryImp* handle, uint32_t enabl
 /* dataExchangeSetVerifiedDelivery() : 0 (the default) reports an upload as the requests report
  * it. 1: nothing counts as delivered that the server did not name as stored. An empty or blank
  * upload answer fails the upload (DataHandlingFailed) with its likely cause and no job request;
+ * so does an answer that is not a file name (one line of UTF-8 without control characters, '/'
+ * or '\', not "." or "..", at most 255 bytes; read up to 4096 bytes and no further), with what
+ * came back, escaped, and why (a PHP notice: display_errors; an HTML page);
  * the answer is passed on without surrounding white space; the job form is encoded so that a
  * form decoder (PHP) gets every value back byte for byte; a failed request adds its causes
  * (HTTP status and reason, TLS errors, refused, not found, timed out), one a line; an empty

@@ -2,6 +2,7 @@
 
 #include "System.h"
 #include "api/LibraryGlobals.h"
+#include "server/StoredNameCheck.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -196,16 +197,25 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
     currentReply = reply;
     // The body must outlive the transfer; it goes once the reply is done with it.
     connect(reply, &QNetworkReply::finished, multiPart, &QObject::deleteLater);
+    // Verified delivery reads a name, never more than a name could be: Qt stops reading from the
+    // server when the buffer is full, and the wait aborts the reply then.
+    boundedAnswer = control.verified;
+    if (boundedAnswer)
+        reply->setReadBufferSize(StoredNameCheck::answerLimit + 1);
     _waitFor(reply);
+    boundedAnswer = false;
     if (_replyFailed(reply))
         return false;
-    answer = QString::fromUtf8(reply->readAll());
+    const QByteArray body = reply->readAll();
+    answer = QString::fromUtf8(body);
     debugPrint("Received answer %s", answer.toStdString().c_str());
     if (!control.verified)
         return true;
     answer = answer.trimmed();
-    if (!answer.isEmpty())
-        return true;
+    if (!answer.isEmpty()) {
+        lastErrorMessage = StoredNameCheck::problem(body, reply->url().toString().toStdString());
+        return lastErrorMessage.empty();
+    }
     lastErrorMessage =
         "The server stored nothing: " + reply->url().toString().toStdString() + " answered " +
         reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toString().toStdString() +
@@ -275,10 +285,18 @@ void ServerInteractor::_waitFor(QNetworkReply* reply) {
                "a request waits on a QEventLoop, which needs a QCoreApplication");
     cancelled = false;
     stallAborted = false;
+    answerTooLong = false;
     bodySent = false;
     tlsErrors.clear();
     QEventLoop loop;
     connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    if (boundedAnswer)
+        connect(reply, &QNetworkReply::readyRead, &loop, [this, reply] {
+            if (reply->bytesAvailable() > StoredNameCheck::answerLimit) {
+                answerTooLong = true;
+                reply->abort();
+            }
+        });
     // Whether the whole body went out (into the socket, if not yet to the server). Qt ends
     // with a spurious (0, 0), and starts again from 0 when it re-sends by itself.
     connect(reply, &QNetworkReply::uploadProgress, &loop, [this](qint64 done, qint64 total) {
@@ -320,7 +338,7 @@ void ServerInteractor::_waitFor(QNetworkReply* reply) {
     // has finished.
     if (!reply->isFinished())
         loop.exec();
-    stallAborted = !cancelled && control.stallTimeoutSeconds != 0 &&
+    stallAborted = !cancelled && !answerTooLong && control.stallTimeoutSeconds != 0 &&
                    reply->error() == QNetworkReply::OperationCanceledError;
 }
 
@@ -351,7 +369,9 @@ bool ServerInteractor::_replyFailed(const QNetworkReply* reply) {
     _forgetLastFailure();
     if (reply->error() == QNetworkReply::NoError)
         return false;
-    if (stallAborted)
+    if (answerTooLong)
+        cause = StoredNameCheck::tooLong(reply->url().toString().toStdString());
+    else if (stallAborted)
         cause = "No data moved for " + std::to_string(control.stallTimeoutSeconds) +
                 " seconds; request to '" + reply->url().toString().toStdString() + "' aborted";
     else

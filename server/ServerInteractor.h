@@ -97,6 +97,8 @@ private:
     bool transient = false;
     bool bodySent = false;
     bool lostAnswer = false;
+    bool boundedAnswer = false; // the running request's answer is read up to a limit
+    bool answerTooLong = false;
     int retryAfter = -1;
     std::string cause;
     std::vector<std::string> tlsErrors; // of the running request, in verified delivery

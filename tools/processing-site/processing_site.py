@@ -215,6 +215,7 @@ class Site:
         self.uploads_file = os.path.join(self.root, "uploads.jsonl")
         self.status = dict(args.status)
         self.empty_body = set(args.empty_body)
+        self.answers = dict(args.answer)
         self.delay = dict(args.delay)
         self.close = set(args.close)
         # script -> [kind, requests left]: the first requests of a script meet a fault.
@@ -324,10 +325,12 @@ class Handler(BaseHTTPRequestHandler):
             status = site.status[script]
         if script in site.empty_body:
             text = ""
+        if script in site.answers:
+            text = site.answers[script]
         self.answer(status, text)
 
     def answer(self, status, text, headers=None):
-        data = text.encode("utf-8")
+        data = text if isinstance(text, bytes) else text.encode("utf-8")
         self.send_response(status)
         for name, value in (headers or {}).items():
             self.send_header(name, value)
@@ -463,6 +466,11 @@ def parse_arguments(argv):
                         help="answer CODE instead of 200 (SCRIPT: upload or job)")
     parser.add_argument("--empty-body", action="append", default=[], metavar="SCRIPT",
                         type=script_name, help="answer with an empty body")
+    parser.add_argument("--answer", action="append", default=[], metavar="SCRIPT=TEXT",
+                        type=lambda t: script_value(
+                            t, lambda v: v.encode("utf-8").decode("unicode_escape")
+                            .encode("latin-1")),
+                        help="answer these bytes (Python escapes: \\x1b, \\xff) instead")
     parser.add_argument("--delay", action="append", default=[], metavar="SCRIPT=SECONDS",
                         type=lambda t: script_value(t, float),
                         help="wait before answering")

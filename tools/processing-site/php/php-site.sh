@@ -5,15 +5,19 @@
 #
 #   php-site.sh --root DIR [--post-max-size SIZE] [--upload-max-filesize SIZE]
 #               [--limit-request-body BYTES] [--job-status CODE] [--answer-line-break]
+#               [--answer notice|html-notice|html|long]
 #               [--cert PEM --key KEY] [--watch-stdin]
 #
 # Prints the port once Apache answers, then serves until SIGTERM or SIGINT (with --watch-stdin
 # also until standard input closes) and stops Apache by its own pid file. PHP's defaults stand
-# for the limits that are not given: post_max_size 8M, upload_max_filesize 2M.
+# for the limits that are not given: post_max_size 8M, upload_max_filesize 2M. --answer bends
+# uploadFile.php's answer as real sites do: notice (display_errors on: PHP's warning about the
+# script's own slip comes before the name), html-notice (the same with html_errors on), html (a
+# page instead of the name), long (64 MiB after the name).
 set -euo pipefail
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 export DX_POST_MAX_SIZE=8M DX_UPLOAD_MAX_FILESIZE=2M DX_LIMIT_REQUEST_BODY=0 DX_JOB_STATUS=0 \
-    DX_LINE_BREAK=0
+    DX_LINE_BREAK=0 DX_ANSWER=name DX_DISPLAY_ERRORS=off DX_HTML_ERRORS=off
 root="" cert="" key="" watch=0
 while (($#)); do
     case $1 in
@@ -22,6 +26,7 @@ while (($#)); do
     --upload-max-filesize) DX_UPLOAD_MAX_FILESIZE=$2 ;;
     --limit-request-body) DX_LIMIT_REQUEST_BODY=$2 ;;
     --job-status) DX_JOB_STATUS=$2 ;;
+    --answer) DX_ANSWER=$2 ;;
     --cert) cert=$2 ;;
     --key) key=$2 ;;
     --watch-stdin) watch=1 && shift && continue ;;
@@ -31,6 +36,12 @@ while (($#)); do
     shift 2
 done
 [ -n "$root" ] || { echo "php-site.sh: --root DIR is needed" >&2 && exit 2; }
+case $DX_ANSWER in
+notice) DX_DISPLAY_ERRORS=on ;;
+html-notice) DX_DISPLAY_ERRORS=on DX_HTML_ERRORS=on ;;
+name | html | long) ;;
+*) echo "php-site.sh: --answer is notice, html-notice, html or long" >&2 && exit 2 ;;
+esac
 mkdir -p "$root/storage" "$root/uploads"
 export DX_SITE_ROOT DX_SCRIPTS=$scripts DX_USER DX_GROUP DX_PORT
 DX_SITE_ROOT=$(cd "$root" && pwd)

@@ -26,5 +26,22 @@ if (!move_uploaded_file($file['tmp_name'], "$storage/$name")) {
     echo 'could not store ', $name;
     exit;
 }
+// DX_ANSWER: what else real sites answer. With display_errors on (notice, html-notice), a slip
+// of the script - here a form field it expects and nobody sends - puts PHP's warning before the
+// name; a misconfigured site answers a page (html); a broken one goes on and on (long).
+$answer = getenv('DX_ANSWER');
+if ($answer === 'notice' || $answer === 'html-notice') {
+    $comment = $_POST['comment'];
+}
+if ($answer === 'html') {
+    echo "<!DOCTYPE html>\n<html><head><title>Index of /</title></head>\n<body><h1>It works!</h1></body></html>\n";
+    exit;
+}
 // DX_LINE_BREAK=1: the answer ends in a line break, as a script that prints a line does.
 echo $name, getenv('DX_LINE_BREAK') === '1' ? "\n" : '';
+if ($answer === 'long') {
+    $block = str_repeat("0123456789abcdef", 65536);
+    for ($n = 0; $n < 64; ++$n) {
+        echo $block;
+    }
+}
