@@ -3,7 +3,7 @@
  * command line. A plain C99 host of the public header, so it runs wherever the library does and
  * shows a customer the whole call sequence: open, set the options, upload, read the errors,
  * close. It also uses the extensions: progress with cancel on Ctrl+C, the stall timeout,
- * removal of the package and the configured proxy.
+ * removal of the package, the configured proxy and retries.
  */
 #if !defined(_WIN32)
 /* isatty, sigaction and the monotonic clock are POSIX, outside strict C99; the flags of
@@ -153,7 +153,8 @@ static int exitStatusOf(int32_t result) {
 }
 
 /* The flags that set options; the option's type decides which Set export is called. A flag
- * without an option sets the stall timeout or the packing threads, settings of the handle. */
+ * without an option sets the stall timeout, the packing threads or the retries, settings of the
+ * handle. */
 static const struct {
     const char* flag;
     const char* option;
@@ -179,6 +180,12 @@ static const struct {
     {"--threads", NULL, Uint32, "N",
      "threads that pack a folder: 0, the default, one per core; 1 as\n"
      "                   the library packs unless asked; at most 32"},
+    {"--retries", NULL, Uint32, "N",
+     "send again up to N times after a passing fault of the server\n"
+     "                   (refused, reset, busy, stalled), waiting up to 1 s, 2 s,\n"
+     "                   4 s ... (less a random part) or as long as the server asks;\n"
+     "                   default 2; 0 makes one attempt, as the library does unless\n"
+     "                   asked; at most 20"},
 };
 #define OPTION_FLAG_COUNT (sizeof optionFlags / sizeof optionFlags[0])
 
@@ -226,10 +233,11 @@ static void printHelp(void) {
            "its debug lines only with --verbose, or the last few after a failure.\n"
            "\n"
            "Progress goes to standard output: on a terminal one updating line per stage\n"
-           "(packing, shared folder, upload, job request) with percentage, rate and time\n"
-           "left; otherwise one line per change, \"Progress: STAGE DONE/TOTAL\", where DONE and\n"
-           "TOTAL are bytes while packing and uploading and steps otherwise. Ctrl+C cancels\n"
-           "the upload cleanly; a second Ctrl+C ends the program at once.\n"
+           "(packing, shared folder, upload, job request, retry wait) with percentage, rate\n"
+           "and time left; otherwise one line per change, \"Progress: STAGE DONE/TOTAL\",\n"
+           "where DONE and TOTAL are bytes while packing and uploading, milliseconds in the\n"
+           "retry wait and steps otherwise. Ctrl+C cancels the upload cleanly; a second\n"
+           "Ctrl+C ends the program at once.\n"
            "\n"
            "Exit status:\n"
            "  %3d  success\n"
@@ -307,9 +315,11 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
     int32_t i32 = 0;
     uint32_t u32 = 0;
     uint64_t u64 = 0;
-    if (name == NULL) /* --threads, the one setting of the handle that is cropped */
+    if (name == NULL) /* --threads or --retries, the settings of the handle that are cropped */
         cliTextPrintf(messages, TOOL ": warning: %s stored as %d\n", optionFlags[flag].flag,
-                      DATAEXCHANGE_MAX_PACKING_THREADS);
+                      strcmp(optionFlags[flag].flag, "--threads") == 0
+                          ? DATAEXCHANGE_MAX_PACKING_THREADS
+                          : DATAEXCHANGE_MAX_RETRIES);
     else if (optionFlags[flag].type == Int32 &&
              dataExchangeGetInt32Option(handle, name, Current, &i32) == Success)
         cliTextPrintf(messages, TOOL ": warning: %s stored as %" PRId32 "\n",
@@ -324,10 +334,19 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
                       optionFlags[flag].flag, u64);
 }
 
+/* The first wait before a retry: short enough for a user at the terminal, long enough for a
+ * server that restarts. */
+#define RETRY_DELAY_MILLISECONDS 1000
+/* Three attempts in all unless --retries says otherwise. */
+#define DEFAULT_RETRIES 2
+
 static int32_t applySetting(dataExchangeLibraryImp* handle, const Setting* setting) {
     const char* name = optionFlags[setting->flag].option;
     if (name == NULL && strcmp(optionFlags[setting->flag].flag, "--threads") == 0)
         return dataExchangeSetPackingThreads(handle, (uint32_t)setting->unsignedValue);
+    if (name == NULL && strcmp(optionFlags[setting->flag].flag, "--retries") == 0)
+        return dataExchangeSetRetries(handle, (uint32_t)setting->unsignedValue,
+                                      RETRY_DELAY_MILLISECONDS);
     if (name == NULL)
         return dataExchangeSetStallTimeout(handle, (uint32_t)setting->unsignedValue);
     switch (optionFlags[setting->flag].type) {
@@ -470,8 +489,9 @@ typedef struct {
 } Progress;
 
 static const char* stageName(uint32_t stage) {
-    static const char* const names[] = {"packing", "shared folder", "upload", "job request"};
-    return stage >= StagePacking && stage <= StageJobRequest ? names[stage - 1] : "unknown stage";
+    static const char* const names[] = {"packing", "shared folder", "upload", "job request",
+                                        "retry wait"};
+    return stage >= StagePacking && stage <= StageRetryWait ? names[stage - 1] : "unknown stage";
 }
 
 static void formatBytes(char* text, size_t size, double bytes) {
@@ -522,6 +542,9 @@ static void drawProgressLine(Progress* progress) {
         }
         length += snprintf(line + length, sizeof line - (size_t)length, "  %s of %s  %s/s  ETA %s",
                            sent, total, rate, left);
+    } else if (progress->stage == StageRetryWait && progress->total != 0) {
+        length += snprintf(line + length, sizeof line - (size_t)length, "  %.1f s of %.1f s",
+                           (double)done / 1000.0, (double)progress->total / 1000.0);
     }
     if (length < 0 || (size_t)length >= sizeof line)
         return;
@@ -764,8 +787,11 @@ int main(int argc, char** argv) {
         status = ExitFailure;
         goto done;
     }
-    /* A folder packs on every core unless --threads says otherwise. */
+    /* A folder packs on every core and a passing fault is tried again unless the flags say
+     * otherwise. */
     result = dataExchangeSetPackingThreads(handle, 0);
+    if (result == Success)
+        result = dataExchangeSetRetries(handle, DEFAULT_RETRIES, RETRY_DELAY_MILLISECONDS);
     for (i = 0; (size_t)i < settingCount && result == Success; ++i) {
         result = applySetting(handle, &settings[i]);
         if (result == ValueCropped) {

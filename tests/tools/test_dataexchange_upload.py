@@ -87,7 +87,8 @@ class ToolTest(unittest.TestCase):
                                                                           ["--plain", "--verbose"]))
         self.assertEqual(verified.returncode, 9)
         self.assertRegex(verified.stderr, "^" + TOOL_NAME + ": the library's last messages:\n"
-                         "(.+\n){1,5}The server stored nothing: .+\n")
+                         "(.+\n){1,5}Attempt 1 of 3: The server stored nothing: .+ \\(not a "
+                         "passing fault: not tried again\\)\n")
         self.assertEqual((plain.returncode, plain.stderr), (0, ""))
         self.assertIn("Received answer \n", verbose.stderr)
 
