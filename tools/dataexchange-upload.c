@@ -3,7 +3,7 @@
  * command line. A plain C99 host of the public header, so it runs wherever the library does and
  * shows a customer the whole call sequence: open, set the options, upload, read the errors,
  * close. It also uses the extensions: progress with cancel on Ctrl+C, the stall timeout,
- * removal of the package, the configured proxy and retries.
+ * removal of the package, the configured proxy, retries and the spool (cliSpool.c).
  */
 #if !defined(_WIN32)
 /* isatty, sigaction and the monotonic clock are POSIX, outside strict C99; the flags of
@@ -11,6 +11,7 @@
 #define _XOPEN_SOURCE 600
 #endif
 
+#include "cliSpool.h"
 #include "cliText.h"
 #include "dataExchangeExt.h"
 
@@ -122,8 +123,9 @@ static char deliveredName[32 * 1024];
 /* Texts of the string options, which the library does not limit. */
 static char valueText[64 * 1024];
 
-/* Cancelled is the shell's status of a program ended by Ctrl+C, which scripts already know. */
-enum { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2, ExitCancelled = 130 };
+/* Cancelled is the shell's status of a program ended by Ctrl+C, which scripts already know.
+ * Spooled is a failed upload whose data is safe: a script may treat it as done for now. */
+enum { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2, ExitSpooled = 11, ExitCancelled = 130 };
 
 /* One distinct exit status per result code, so that scripts can tell the causes apart. --help
  * prints this table, which keeps the documentation and the behaviour in step. */
@@ -138,7 +140,9 @@ static const struct {
     {InvalidOption, 6, "no such option, or an option of another type"},
     {NotAvailable, 7, "an option value is not available"},
     {HandlerConfigurationFailed, 8, "the options do not describe an upload (device or data type)"},
-    {DataHandlingFailed, 9, "packing failed, or no destination accepted the data"},
+    {DataHandlingFailed, 9,
+     "packing failed, or no destination accepted the data; with\n"
+     "                   --send-spooled: items remain in the spool"},
     {BufferTooSmall, 10, "delivered, but the delivered name was cut"},
 };
 
@@ -189,10 +193,20 @@ static const struct {
 };
 #define OPTION_FLAG_COUNT (sizeof optionFlags / sizeof optionFlags[0])
 
+/* The user's own spool folder, as cliSpoolDefaultFolder finds it. */
+#if defined(_WIN32)
+#define DEFAULT_SPOOL "%LOCALAPPDATA%\\dataExchange\\spool"
+#else
+#define DEFAULT_SPOOL                                                                              \
+    "$XDG_STATE_HOME/dataExchange/spool, else\n"                                                   \
+    "                   ~/.local/state/dataExchange/spool"
+#endif
+
 static void printHelp(void) {
     size_t i;
     printf("Usage: " TOOL " [OPTIONS] PATH\n"
            "       " TOOL " [OPTIONS] --list-options\n"
+           "       " TOOL " [OPTIONS] --send-spooled | --list-spooled\n"
            "\n"
            "Sends the file or folder PATH to the processing site: a folder is packed into a zip\n"
            "of its top-level files, a file is sent as it is. On success prints the name under\n"
@@ -217,6 +231,18 @@ static void printHelp(void) {
            "                   takes it by default: on Windows the ANSI code page, which\n"
            "                   cannot hold every name; without it PATH goes as UTF-8 and\n"
            "                   names of any characters work\n"
+           "  --spool=DIR      keep an item whose delivery still fails after the retries\n"
+           "                   in the folder DIR, for a later --send-spooled\n"
+           "  --spool          the same in the user's own spool folder:\n"
+           "                   %s\n"
+           "                   (the folder is given only after '=': an argument after a\n"
+           "                   bare --spool is PATH)\n"
+           "  --send-spooled   send every item of the spool (--spool=DIR, else the user's\n"
+           "                   own), oldest first, then print how many were delivered and\n"
+           "                   how many remain; an item leaves the spool only once the\n"
+           "                   server named what it stored\n"
+           "  --list-spooled   print the items of the spool (--spool=DIR, else the user's\n"
+           "                   own) with their destinations, attempts and last cause\n"
            "  --verbose        show the library's debug lines, each on a line of its own\n"
            "  --no-progress    print no progress\n"
            "  --list-options   print every option with its type, summary and its current,\n"
@@ -236,18 +262,21 @@ static void printHelp(void) {
            "(packing, shared folder, upload, job request, retry wait) with percentage, rate\n"
            "and time left; otherwise one line per change, \"Progress: STAGE DONE/TOTAL\",\n"
            "where DONE and TOTAL are bytes while packing and uploading, milliseconds in the\n"
-           "retry wait and steps otherwise. Ctrl+C cancels the upload cleanly; a second\n"
-           "Ctrl+C ends the program at once.\n"
+           "retry wait and steps otherwise. Ctrl+C cancels the upload (or the send of the\n"
+           "spool) cleanly; a second Ctrl+C ends the program at once.\n"
            "\n"
            "Exit status:\n"
            "  %3d  success\n"
            "  %3d  the library could not be opened, or an unexpected result\n"
            "  %3d  usage error (unknown flag, bad number, missing or extra PATH)\n",
-           ExitSuccess, ExitFailure, ExitUsage);
+           DEFAULT_SPOOL, ExitSuccess, ExitFailure, ExitUsage);
     for (i = 0; i < sizeof exitStatuses / sizeof exitStatuses[0]; ++i)
         printf("  %3d  result %3d: %s\n", exitStatuses[i].status, (int)exitStatuses[i].result,
                exitStatuses[i].meaning);
-    printf("  %3d  cancelled with Ctrl+C; nothing was delivered\n", ExitCancelled);
+    printf("  %3d  not delivered, but kept in the spool (--spool): --send-spooled sends\n"
+           "       it later\n"
+           "  %3d  cancelled with Ctrl+C; nothing (more) was delivered\n",
+           ExitSpooled, ExitCancelled);
 }
 
 static int usageError(const char* format, ...) CLI_TEXT_PRINTF(1, 2);
@@ -298,6 +327,8 @@ static int printErrors(dataExchangeLibraryImp* handle) {
     if (result == BufferTooSmall) {
         cliTextWrite(messages, errorText, sizeof errorText);
         cliTextPrintf(messages, "\n" TOOL ": further messages were cut\n");
+        /* What was shown stays readable as a text, without its last byte. */
+        errorText[sizeof errorText - 1] = '\0';
         return 1;
     }
     cliTextWrite(messages, errorText, strlen(errorText));
@@ -602,27 +633,38 @@ static const char* destinationName(uint32_t location) {
     return "unknown destination";
 }
 
+/* Progress and Ctrl+C while the library works. The callback is set even without a display:
+ * it is what cancels. */
+static int32_t startProgress(dataExchangeLibraryImp* handle, Progress* progress, int show,
+                             int verbose) {
+    memset(progress, 0, sizeof *progress);
+    progress->show = show;
+    progress->terminal = stdoutIsTerminal();
+    progress->verbose = verbose;
+    catchInterrupt(onInterrupt);
+    return dataExchangeSetProgressCallback(handle, onProgress, progress);
+}
+
+/* Once the library's call returned: the progress line is closed, and the debug lines are shown
+ * as they came (--verbose) or, after a failure, the last few as context. A cancel that came too
+ * late to stop the work leaves a success; returns whether the call was cancelled. */
+static int finishProgress(Progress* progress, int32_t result) {
+    endProgressLine(progress);
+    if (progress->verbose || (result != Success && result != BufferTooSmall))
+        showDebugLines(!progress->verbose);
+    return progress->cancelled && result == DataHandlingFailed;
+}
+
 static int32_t upload(dataExchangeLibraryImp* handle, const char* path, int showProgress,
-                      int verbose, int* cancelled) {
+                      int verbose, int* cancelled, int* kept) {
     static char storedName[sizeof deliveredName];
     uint32_t location = 0;
-    int32_t result;
     Progress progress;
-    memset(&progress, 0, sizeof progress);
-    progress.show = showProgress;
-    progress.terminal = stdoutIsTerminal();
-    progress.verbose = verbose;
-    /* The callback is set even without a display: it is what cancels on Ctrl+C. */
-    catchInterrupt(onInterrupt);
-    result = dataExchangeSetProgressCallback(handle, onProgress, &progress);
+    int32_t result = startProgress(handle, &progress, showProgress, verbose);
     if (result == Success)
         result =
             dataExchangeUploadData(handle, path, sizeof deliveredName, deliveredName, &location);
-    endProgressLine(&progress);
-    if (verbose || (result != Success && result != BufferTooSmall))
-        showDebugLines(!verbose);
-    /* A cancel that came too late to stop the delivery leaves a success. */
-    *cancelled = progress.cancelled && result == DataHandlingFailed;
+    *cancelled = finishProgress(&progress, result);
     if (result == Success || result == BufferTooSmall) {
         /* Either way the data arrived; a cut name has no terminator, so it is printed by
          * length. */
@@ -634,9 +676,34 @@ static int32_t upload(dataExchangeLibraryImp* handle, const char* path, int show
             storedName[0] != '\0' && strncmp(storedName, deliveredName, length + 1) != 0)
             cliTextPrintf(stdout, "Stored as: %s\n", storedName);
     }
+    errorText[0] = '\0';
     if (result != Success)
         printFailure(handle, "upload", result);
+    /* The library's own last line names the item; this says what it means for the user. */
+    *kept = result == DataHandlingFailed && !*cancelled && cliSpoolKept(errorText);
+    if (*kept)
+        cliTextPrintf(messages, TOOL ": not delivered yet; --send-spooled with the same spool "
+                                     "sends it later\n");
     /* After the errors were read: setting the callback empties the list. */
+    dataExchangeSetProgressCallback(handle, NULL, NULL);
+    return result;
+}
+
+/* --send-spooled: every item of the spool, then the counts; each item that remains has a
+ * message of its own in the error list. */
+static int32_t sendSpooled(dataExchangeLibraryImp* handle, const char* folder, int showProgress,
+                           int verbose, int* cancelled) {
+    uint32_t delivered = 0, remaining = 0;
+    Progress progress;
+    int32_t result;
+    cliTextPrintf(stdout, "Spool: %s\n", folder);
+    result = startProgress(handle, &progress, showProgress, verbose);
+    if (result == Success)
+        result = dataExchangeSendSpooled(handle, &delivered, &remaining);
+    *cancelled = finishProgress(&progress, result);
+    cliSpoolReportSent(delivered, remaining);
+    if (result != Success)
+        printFailure(handle, "--send-spooled", result);
     dataExchangeSetProgressCallback(handle, NULL, NULL);
     return result;
 }
@@ -660,8 +727,12 @@ int main(int argc, char** argv) {
     size_t settingCount = 0;
     const char* path = NULL;
     char* systemPath = NULL; /* the path as --ansi-paths passes it */
+    /* --list-options, --list-spooled or --send-spooled instead of an upload */
+    const char* command = NULL;
+    const char* spoolFolder = NULL; /* --spool=DIR, or the user's own after a bare --spool */
+    char* ownSpool = NULL;
+    int spoolOfUser = 0;
     int ansiPaths = 0;
-    int listRequested = 0;
     int endOfFlags = 0;
     int removePackage = 0;
     int useProxy = 0;
@@ -669,6 +740,7 @@ int main(int argc, char** argv) {
     int verbose = 0;
     int showProgress = 1;
     int cancelled = 0;
+    int kept = 0;
     int status;
     int32_t result = Success;
     dataExchangeLibraryImp* handle;
@@ -709,8 +781,29 @@ int main(int argc, char** argv) {
             status = ExitSuccess;
             goto done;
         }
-        if (strcmp(arg, "--list-options") == 0) {
-            listRequested = 1;
+        if (strcmp(arg, "--list-options") == 0 || strcmp(arg, "--list-spooled") == 0 ||
+            strcmp(arg, "--send-spooled") == 0) {
+            if (command != NULL && strcmp(command, arg) != 0) {
+                status = usageError("%s and %s go one at a time", command, arg);
+                goto done;
+            }
+            command = arg;
+            continue;
+        }
+        /* The folder only after '=': an optional value as the next argument would take PATH. */
+        if (strcmp(arg, "--spool") == 0) {
+            spoolOfUser = 1;
+            spoolFolder = NULL;
+            continue;
+        }
+        if (strncmp(arg, "--spool=", 8) == 0) {
+            if (arg[8] == '\0') {
+                status = usageError("%s", "--spool= needs a folder; a bare --spool keeps items in "
+                                          "the user's own");
+                goto done;
+            }
+            spoolOfUser = 0;
+            spoolFolder = arg + 8;
             continue;
         }
         if (strcmp(arg, "--remove-package") == 0) {
@@ -764,12 +857,20 @@ int main(int argc, char** argv) {
         }
         ++settingCount;
     }
-    if (listRequested && path != NULL) {
-        status = usageError("--list-options does not upload; '%s' was given as well", path);
+    if (command != NULL && path != NULL) {
+        status = usageError("%s does not upload; '%s' was given as well", command, path);
         goto done;
     }
-    if (!listRequested && path == NULL) {
+    if (command == NULL && path == NULL) {
         status = usageError("%s", "no file or folder to upload given");
+        goto done;
+    }
+    /* The spool commands work on the folder --spool names, and without it on the user's own. */
+    if (command != NULL && strcmp(command, "--list-options") != 0 && spoolFolder == NULL)
+        spoolOfUser = 1;
+    if (spoolOfUser && (spoolFolder = ownSpool = cliSpoolDefaultFolder()) == NULL) {
+        status = usageError("%s", "the user's own spool folder is unknown (no home folder); name "
+                                  "one with --spool=DIR");
         goto done;
     }
     /* Converted here, as a narrow main() would have got it, so that the library sees exactly
@@ -811,13 +912,25 @@ int main(int argc, char** argv) {
     /* Any name reaches the file system unless --ansi-paths asks for the narrow encoding. */
     if (result == Success && !ansiPaths)
         result = dataExchangeSetUnicodePaths(handle, 1);
-    if (result == Success)
-        result = listRequested ? listOptions(handle)
-                               : upload(handle, path, showProgress, verbose, &cancelled);
+    if (result == Success && spoolFolder != NULL)
+        result = dataExchangeSetSpoolFolder(handle, spoolFolder);
+    if (result == Success) {
+        if (command == NULL)
+            result = upload(handle, path, showProgress, verbose, &cancelled, &kept);
+        else if (strcmp(command, "--list-options") == 0)
+            result = listOptions(handle);
+        else if (strcmp(command, "--send-spooled") == 0)
+            result = sendSpooled(handle, spoolFolder, showProgress, verbose, &cancelled);
+        else if ((result = cliSpoolList(handle, spoolFolder)) == Success)
+            printErrors(handle); /* items set aside while listing */
+        else
+            printFailure(handle, command, result);
+    }
     dataExchangeClose(&handle);
-    status = cancelled ? ExitCancelled : exitStatusOf(result);
+    status = cancelled ? ExitCancelled : kept ? ExitSpooled : exitStatusOf(result);
 
 done:
+    free(ownSpool);
     free(systemPath);
     free(settings);
     free(arguments);
