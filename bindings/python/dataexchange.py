@@ -14,6 +14,12 @@ Progress and cancel, a stall timeout, package removal and the configured proxy a
     handle.set_progress(lambda stage, done, total: print(stage.name, done, total))
     handle.set_stall_timeout(30)
 
+Passing faults of the server are tried again (two retries unless Handle(retries=N)); with a spool
+an item that still fails is kept and sent later:
+
+    with dx.Handle(spool="/var/spool/cal") as handle:
+        delivered, remaining = handle.send_spooled()
+
 Options are read and written by name; the C type comes from the library's own list of options.
 A non-zero result raises DataExchangeError with the result code and the error-list lines, except
 ValueCropped, which is reported as a ValueCroppedWarning (the clipped value is stored).
@@ -24,12 +30,12 @@ import operator
 import os
 import sys
 import warnings
-from typing import List, NamedTuple, Optional
+from typing import List, NamedTuple, Optional, Tuple
 
 __all__ = ["ENVIRONMENT_VARIABLE", "Result", "OptionType", "ValueKind", "Location", "DataType",
            "Stage",
            "READABLE", "WRITABLE", "DataExchangeError", "ValueCroppedWarning", "Option",
-           "Delivery", "load", "version", "sha1", "Handle"]
+           "Delivery", "Spooled", "load", "version", "sha1", "Handle"]
 
 #: Path of the shared library, used when no path is given to load() or Handle().
 ENVIRONMENT_VARIABLE = "DATAEXCHANGE_LIBRARY"
@@ -84,6 +90,7 @@ class Stage(enum.IntEnum):
     SharedFolder = 2
     Upload = 3
     JobRequest = 4
+    RetryWait = 5  # milliseconds of the wait before a retry
 
 
 READABLE = 1  # access bit: the option can be read
@@ -122,6 +129,14 @@ class Option(NamedTuple):
 class Delivery(NamedTuple):
     name: str  # the delivered file name
     destination: Location  # SharedFolder or Server
+
+
+class Spooled(NamedTuple):
+    item: str  # the item's folder in the spool
+    packed: str  # the packed file's name
+    destinations: Tuple[Location, ...]  # where it goes, in order
+    attempts: int  # made so far
+    last_cause: str  # why the last attempt failed, on one line
 
 
 def _result(code):
@@ -164,6 +179,10 @@ def _declare(lib):
         "GetStoredName": [vp, size, out],
         "SetPackingThreads": [vp, ctypes.c_uint32],
         "SetUnicodePaths": [vp, ctypes.c_uint32],
+        "SetRetries": [vp, ctypes.c_uint32, ctypes.c_uint32],
+        "SetSpoolFolder": [vp, text],
+        "SendSpooled": [vp, ctypes.POINTER(ctypes.c_uint32), ctypes.POINTER(ctypes.c_uint32)],
+        "ListSpooled": [vp, size, out],
     }
     for kind, (ctype, _, _) in _NUMBERS.items():
         prototypes["Get%sOption" % kind.name] = [vp, text, ctypes.c_uint32, ctypes.POINTER(ctype)]
@@ -221,10 +240,12 @@ class Handle:
     block. library: a path, a CDLL from load(), or None (see load()). verified: verified
     delivery (see set_verified_delivery), on unless False is given. threads: the threads that
     pack a folder (see set_packing_threads), one per core unless given. unicode_paths: paths
-    of any characters (see set_unicode_paths), on unless False is given."""
+    of any characters (see set_unicode_paths), on unless False is given. retries: attempts
+    after the first for a passing fault of the server (see set_retries), 2 unless given. spool:
+    a folder that keeps what still fails (see set_spool_folder), none unless given."""
 
     def __init__(self, library=None, *, qt_dir=None, verified=True, threads=0,
-                 unicode_paths=True):
+                 unicode_paths=True, retries=2, spool=None):
         self._lib = library if isinstance(library, ctypes.CDLL) else load(library, qt_dir)
         message = ctypes.create_string_buffer(1024)
         self._handle = ctypes.c_void_p(self._lib.dataExchangeInit(None, len(message), message))
@@ -238,6 +259,9 @@ class Handle:
         self.set_verified_delivery(verified)
         self.set_packing_threads(threads)
         self.set_unicode_paths(unicode_paths)
+        self.set_retries(retries)
+        if spool is not None:
+            self.set_spool_folder(spool)
 
     def close(self) -> None:
         if self._handle.value:
@@ -390,12 +414,58 @@ class Handle:
         self._call("dataExchangeSetUnicodePaths", 1 if enable else 0)
         self._unicode_paths = bool(enable)
 
+    def set_retries(self, retries: int, first_delay_ms: int = 1000) -> None:
+        """A delivery to the server that meets a passing fault (refused, reset, busy, stalled) is
+        tried again up to retries times within the call, after first_delay_ms, then twice as
+        long each time (less a random part) or as long as the server asks; 0 makes one attempt,
+        as the library does by default. Over 20: a ValueCroppedWarning, and 20."""
+        self._call("dataExchangeSetRetries", retries, first_delay_ms)
+
+    def set_spool_folder(self, path) -> None:
+        """An item whose delivery still fails is kept in the folder path (made when needed), for
+        send_spooled(); the failure's errors end with where. None keeps nothing."""
+        self._call("dataExchangeSetSpoolFolder",
+                   None if path is None else self._utf8(os.fspath(path)))
+
+    def send_spooled(self) -> Tuple[int, int]:
+        """Delivers every item of the spool folder, oldest first, with verified delivery; returns
+        (delivered, remaining). When items remain it raises DataExchangeError with one message
+        per item and the counts as .delivered and .remaining."""
+        delivered, remaining = ctypes.c_uint32(0), ctypes.c_uint32(0)
+        try:
+            self._with_progress("dataExchangeSendSpooled", ctypes.byref(delivered),
+                                ctypes.byref(remaining))
+        except DataExchangeError as error:
+            error.delivered, error.remaining = delivered.value, remaining.value
+            raise
+        return delivered.value, remaining.value
+
+    def list_spooled(self) -> List[Spooled]:
+        """The items of the spool folder, oldest first."""
+        size = 16384
+        result = Result.BufferTooSmall
+        while result == Result.BufferTooSmall:  # grow; each try lists the folder anew
+            size *= 4
+            buffer = ctypes.create_string_buffer(size)
+            result = self._call("dataExchangeListSpooled", size, buffer)
+        items = []
+        for line in buffer.value.decode("utf-8", "replace").split("\n")[:-1]:
+            item, packed, destinations, attempts, cause = line.split("\t", 4)
+            items.append(Spooled(item, packed, tuple(Location(int(d)) for d in
+                                                     destinations.split(",")), int(attempts),
+                                 cause))
+        return items
+
+    @staticmethod
+    def _utf8(path) -> bytes:
+        # A POSIX name that is not UTF-8 keeps its bytes, which the library then names.
+        return path if isinstance(path, bytes) else path.encode("utf-8", "surrogateescape")
+
     def _path(self, path) -> bytes:
         path = os.fspath(path)
         if isinstance(path, bytes) or not self._unicode_paths:
             return os.fsencode(path)
-        # A POSIX name that is not UTF-8 keeps its bytes, which the library then names.
-        return path.encode("utf-8", "surrogateescape")
+        return self._utf8(path)
 
     def stored_name(self) -> str:
         """The name the server answered for the last upload (it may differ from the delivered
@@ -404,19 +474,23 @@ class Handle:
         self._call("dataExchangeGetStoredName", len(buffer), buffer)
         return buffer.value.decode("utf-8", "replace")
 
+    def _with_progress(self, function: str, *args) -> int:
+        """A call during which the progress function runs: what it raised is raised again."""
+        self._progress_error = None
+        try:
+            return self._call(function, *args)
+        finally:
+            error, self._progress_error = self._progress_error, None
+            if error is not None:
+                raise error
+
     def upload(self, path) -> Delivery:
         """Packs and delivers a file or folder as the "Location" option says; blocks until
         done. Returns the delivered file name and the destination that took it."""
         name = ctypes.create_string_buffer(4096)
         used = ctypes.c_uint32(0)
-        self._progress_error = None
-        try:
-            result = self._call("dataExchangeUploadData", self._path(path), len(name), name,
-                                ctypes.byref(used))
-        finally:
-            error, self._progress_error = self._progress_error, None
-            if error is not None:
-                raise error
+        result = self._with_progress("dataExchangeUploadData", self._path(path), len(name), name,
+                                     ctypes.byref(used))
         if result == Result.BufferTooSmall:  # delivered, but the name did not fit
             raise DataExchangeError("dataExchangeUploadData", result, self.last_errors())
         return Delivery(name.value.decode("utf-8", "replace"), Location(used.value))

@@ -20,8 +20,10 @@ class BindingTest(unittest.TestCase):
                 ("User", 5, TypeError, ""), ("Location", -1, OverflowError, ""),
                 ("Email address", "@", dx.DataExchangeError, r"WriteFailed .*\n  Invalid email")]:
             self.assertRaisesRegex(error, message, handle.set, name, value)
-        self.assertRaisesRegex(dx.ValueCroppedWarning, "^Packing threads are at most 32; 40 was",
-                               handle.set_packing_threads, 40)
+        for setter, value, message in [(handle.set_packing_threads, 40, "Packing threads are at"
+                                        " most 32; 40 was"),
+                                       (handle.set_retries, 25, "Retries are at most 20; 25 was")]:
+            self.assertRaisesRegex(dx.ValueCroppedWarning, "^" + message, setter, value)
 
     @unittest.skipUnless(os.name == "posix", "names that are not UTF-8 exist on POSIX only")
     def test_paths_go_as_utf8_unless_unicode_paths_are_off(self):
@@ -58,6 +60,38 @@ class BindingTest(unittest.TestCase):
                                  dx.DataExchangeError), (lambda *_: 1 / 0, ZeroDivisionError)]:
             handle.set_progress(function)
             self.assertRaises(error, handle.upload, dx.__file__)  # not the name delivered
+
+    @unittest.skipUnless(os.name == "posix", "the share root is a local folder on Linux only")
+    def test_spool_keeps_lists_and_sends_what_failed(self):
+        share = os.path.join(SHARE_ROOT, "measurement", "processing", "cvX", "cmm")
+        if not os.path.exists(os.path.join(SHARE_ROOT, "measurement")):  # only what it made
+            self.addCleanup(shutil.rmtree, os.path.join(SHARE_ROOT, "measurement"))
+        spool = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, spool)
+        handle = dx.Handle(spool=os.path.join(spool, "Spool_ä"))  # made when first needed
+        handle["Device type"], handle["Data type"], handle["Location"] = 0, 1, 1
+        with self.assertRaises(dx.DataExchangeError) as failed:  # the share is not there yet
+            handle.upload(__file__)
+        (item,) = os.listdir(os.path.join(spool, "Spool_ä"))
+        self.assertEqual(failed.exception.errors[-1], "The packed item is kept in the spool as "
+                         "'%s'" % os.path.join(spool, "Spool_ä", item))
+        cause = "Shared folder '%s' does not seem to exist, please check it is correctly " \
+                "mounted" % share
+        self.assertEqual(handle.list_spooled(), [dx.Spooled(
+            item, "cmm_test_dataexchange.py", (dx.Location.SharedFolder,), 1, cause)])
+        with self.assertRaises(dx.DataExchangeError) as remains:
+            handle.send_spooled()
+        self.assertEqual((remains.exception.result, remains.exception.delivered,
+                          remains.exception.remaining, remains.exception.errors),
+                         (dx.Result.DataHandlingFailed, 0, 1,
+                          ["Spooled item '%s': %s" % (item, cause)]))
+        os.makedirs(share)
+        self.addCleanup(shutil.rmtree, share)
+        self.assertEqual((handle.send_spooled(), handle.list_spooled()), ((1, 0), []))
+        self.assertRegex(" ".join(os.listdir(share)), r"^\S+_cmm_test_dataexchange\.py")
+        handle.set_spool_folder(None)
+        self.assertRaisesRegex(dx.DataExchangeError, "InvalidArgument .*\n  No spool folder set$",
+                               handle.send_spooled)
 
 
 if __name__ == "__main__":
