@@ -41,9 +41,8 @@ std::string why(const QByteArray& name) {
         return "it has more than one line";
     if (UnicodePaths::invalidUtf8Offset(name.toStdString()) != std::string::npos)
         return "it is not UTF-8";
-    for (const char c : name)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            return "it holds control characters";
+    if (UnicodePaths::escaped(name.toStdString()) != name.toStdString())
+        return "it holds control characters";
     if (name.contains('/') || name.contains('\\'))
         return "it holds '/' or '\\'";
     if (name == "." || name == "..")

@@ -156,6 +156,12 @@ int32_t cliSpoolList(dataExchangeLibraryImp* handle, const char* folder) {
         size *= 4;
     }
     if (result == Success) {
+        /* The causes quote the server's answers. */
+        char* shown = cliTextEscaped(text);
+        free(text);
+        text = shown;
+    }
+    if (result == Success && text != NULL) {
         cliTextPrintf(stdout, "Spool: %s\n", folder);
         for (line = text; *line != '\0'; line = end + 1, ++items) {
             end = strchr(line, '\n'); /* every line ends in one */

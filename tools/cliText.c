@@ -166,3 +166,57 @@ void cliTextPrintf(FILE* stream, const char* format, ...) {
     cliTextVprintf(stream, format, arguments);
     va_end(arguments);
 }
+
+/* The length of the well-formed UTF-8 sequence at text, or 0; overlong forms and surrogates
+ * are not told apart here: they are no controls. */
+static size_t sequenceLength(const unsigned char* text) {
+    size_t length = text[0] < 0x80                       ? 1
+                    : text[0] >= 0xc2 && text[0] <= 0xdf ? 2
+                    : text[0] >= 0xe0 && text[0] <= 0xef ? 3
+                    : text[0] >= 0xf0 && text[0] <= 0xf4 ? 4
+                                                         : 0;
+    for (size_t n = 1; n < length; ++n)
+        if (text[n] < 0x80 || text[n] > 0xbf)
+            return 0;
+    return length;
+}
+
+char* cliTextEscaped(const char* text) {
+    /* At most four bytes ("\xNN") for each byte of the text. */
+    char* shown = (char*)malloc(strlen(text) * 4 + 1);
+    char* out = shown;
+    const unsigned char* c = (const unsigned char*)text;
+    if (shown == NULL)
+        return NULL;
+    while (*c != '\0') {
+        const size_t length = sequenceLength(c);
+        /* C1 controls: U+0080 to U+009F in UTF-8, or a lone byte 0x80 to 0x9F (which an 8-bit
+         * terminal takes as a control too); a terminal takes 0x9B like ESC [. */
+        const int control = (*c < 0x20 && *c != '\n' && *c != '\t') || *c == 0x7f ||
+                            (length == 2 && c[0] == 0xc2 && c[1] < 0xa0) ||
+                            (length == 0 && *c >= 0x80 && *c < 0xa0);
+        if (control) {
+            out += sprintf(out, "\\x%02X", (unsigned)*c++);
+            continue;
+        }
+        for (size_t n = length == 0 ? 1 : length; n > 0; --n)
+            *out++ = (char)*c++;
+    }
+    *out = '\0';
+    return shown;
+}
+
+void cliTextWriteEscaped(FILE* stream, const char* text, size_t length) {
+    char* copy = (char*)malloc(length + 1);
+    char* shown = NULL;
+    if (copy != NULL) {
+        memcpy(copy, text, length);
+        copy[length] = '\0';
+        shown = cliTextEscaped(copy);
+    }
+    /* Out of memory: nothing rather than raw text. */
+    if (shown != NULL)
+        cliTextWrite(stream, shown, strlen(shown));
+    free(shown);
+    free(copy);
+}

@@ -36,6 +36,14 @@ char* cliTextSystemPath(const char* path);
  * UTF-8 is read in the ANSI code page), anywhere else as the bytes they are. */
 void cliTextWrite(FILE* stream, const char* text, size_t length);
 
+/* A copy of text that a server, a file or the library's log gave, safe for a terminal: control
+ * characters but line feeds and tabs (C0, DEL and C1, ESC and CSI among them) written as \xNN.
+ * Free it with free(); NULL when out of memory. */
+char* cliTextEscaped(const char* text);
+
+/* cliTextWrite of length bytes of such text, escaped. */
+void cliTextWriteEscaped(FILE* stream, const char* text, size_t length);
+
 /* fprintf and vfprintf through cliTextWrite. */
 void cliTextPrintf(FILE* stream, const char* format, ...) CLI_TEXT_PRINTF(2, 3);
 void cliTextVprintf(FILE* stream, const char* format, va_list arguments) CLI_TEXT_PRINTF(2, 0);

@@ -111,7 +111,8 @@ static void showDebugLines(int lastOnly) {
             break;
     if (start < length && lastOnly)
         cliTextPrintf(messages, TOOL ": the library's last messages:\n");
-    cliTextWrite(messages, text + start, length - start);
+    /* The lines quote what servers and files said. */
+    cliTextWriteEscaped(messages, text + start, length - start);
 }
 #endif
 
@@ -325,13 +326,14 @@ static int printErrors(dataExchangeLibraryImp* handle) {
     errorText[0] = '\0';
     result = dataExchangeGetLastErrors(handle, sizeof errorText, errorText);
     if (result == BufferTooSmall) {
-        cliTextWrite(messages, errorText, sizeof errorText);
+        cliTextWriteEscaped(messages, errorText, sizeof errorText);
         cliTextPrintf(messages, "\n" TOOL ": further messages were cut\n");
         /* What was shown stays readable as a text, without its last byte. */
         errorText[sizeof errorText - 1] = '\0';
         return 1;
     }
-    cliTextWrite(messages, errorText, strlen(errorText));
+    /* Messages quote the server's answers: never raw to a terminal. */
+    cliTextWriteEscaped(messages, errorText, strlen(errorText));
     return errorText[0] != '\0';
 }
 
@@ -669,12 +671,17 @@ static int32_t upload(dataExchangeLibraryImp* handle, const char* path, int show
         /* Either way the data arrived; a cut name has no terminator, so it is printed by
          * length. */
         size_t length = result == Success ? strlen(deliveredName) : sizeof deliveredName;
-        cliTextPrintf(stdout, "Delivered as: %.*s\nDestination: %s\n", (int)length, deliveredName,
-                      destinationName(location));
-        /* A server that keeps every upload may store it under another name. */
+        cliTextPrintf(stdout, "Delivered as: ");
+        cliTextWriteEscaped(stdout, deliveredName, length);
+        cliTextPrintf(stdout, "\nDestination: %s\n", destinationName(location));
+        /* A server that keeps every upload may store it under another name; it names it, so
+         * the name is the server's text. */
         if (dataExchangeGetStoredName(handle, sizeof storedName, storedName) == Success &&
-            storedName[0] != '\0' && strncmp(storedName, deliveredName, length + 1) != 0)
-            cliTextPrintf(stdout, "Stored as: %s\n", storedName);
+            storedName[0] != '\0' && strncmp(storedName, deliveredName, length + 1) != 0) {
+            cliTextPrintf(stdout, "Stored as: ");
+            cliTextWriteEscaped(stdout, storedName, strlen(storedName));
+            cliTextPrintf(stdout, "\n");
+        }
     }
     errorText[0] = '\0';
     if (result != Success)

@@ -55,6 +55,14 @@ std::string UnicodePaths::escaped(const std::string& text) {
     for (size_t at = 0; at < text.size();) {
         const size_t length = sequenceLength(text, at);
         const auto byte = static_cast<unsigned char>(text[at]);
+        // C1 controls (U+0080 to U+009F) too: a terminal takes U+009B as the start of a command.
+        const bool c1 =
+            byte == 0xc2 && length == 2 && static_cast<unsigned char>(text[at + 1]) < 0xa0;
+        if (c1) {
+            shown += "\\xC2";
+            ++at;
+            continue;
+        }
         if (length == 0 || byte < 0x20 || byte == 0x7f) {
             char code[5];
             std::snprintf(code, sizeof code, "\\x%02X", byte);

@@ -14,8 +14,9 @@ public:
     // The offset of the first byte that does not belong to a well-formed UTF-8 sequence
     // (overlong forms, surrogates and code points past U+10FFFF are not), or npos.
     static size_t invalidUtf8Offset(const std::string& text);
-    // The text with every byte outside a well-formed sequence, and every control character,
-    // written as \xNN: what a message or a terminal may safely show of an unknown path.
+    // The text with every byte outside a well-formed sequence, and every control character
+    // (C0, DEL, C1), written as \xNN: what a message or a terminal may safely show of text that
+    // came from outside.
     static std::string escaped(const std::string& text);
 
     // 0: missing, 1: exists and is not a folder, 2: folder.

@@ -227,6 +227,7 @@ TEST_F(SystemTest, UnicodePaths) {
         {"\xf4\x90\x80\x80", 0, "\\xF4\\x90\\x80\\x80"}, // past U+10FFFF
         {"ab\xe2\x82", 2, "ab\\xE2\\x82"},               // cut short
         {"t\x1b[2J\x7f", none, "t\\x1B[2J\\x7F"},        // valid, but not for a terminal
+        {u8"c1\u009b31m", none, "c1\\xC2\\x9B31m"},      // U+009B, a terminal's CSI too
     };
     for (const auto& t : texts) {
         EXPECT_EQ(UnicodePaths::invalidUtf8Offset(t.text), t.offset) << t.shown;

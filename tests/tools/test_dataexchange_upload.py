@@ -92,6 +92,17 @@ class ToolTest(unittest.TestCase):
         self.assertEqual((plain.returncode, plain.stderr), (0, ""))
         self.assertIn("Received answer \n", verbose.stderr)
 
+    def test_what_the_server_says_reaches_the_terminal_escaped(self):
+        tool, _ = site_beside_tool(self, "--answer", "upload=cal7\\x1b]0;x\\x07\\xc2\\x9b.zip")
+        plain, verified = (subprocess.run(
+            [tool, *extra, "--device-type=0", "--data-type=0", "--location=2", "--no-progress",
+             "--verbose", __file__], capture_output=True) for extra in (["--plain"], []))
+        self.assertIn(b"Stored as: cal7\\x1B]0;x\\x07\\xC2\\x9B.zip\n", plain.stdout)
+        self.assertIn(b"answered 'cal7\\x1B]0;x\\x07\\xC2\\x9B.zip'; it holds control",
+                      verified.stderr)
+        for output in (plain.stdout, plain.stderr, verified.stdout, verified.stderr):
+            self.assertNotRegex(output, b"[\x1b\x07\x9b]")
+
     @unittest.skipUnless(os.name == "posix", "sends SIGINT")
     def test_ctrl_c_while_the_server_is_waited_for_cancels(self):
         tool = subprocess.Popen([self.tool, "--device-type=0", "--data-type=0", "--location=2",
