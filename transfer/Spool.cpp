@@ -68,6 +68,16 @@ bool restore(FileHandler& handler, const QJsonObject& manifest) {
     return true;
 }
 
+// Takes the lock unless a live process holds it. A lock file that names no holder (its maker
+// ended between creating and writing it) is never judged stale by QLockFile;
+// removeStaleLockFile removes it only when no process holds the system's lock on it.
+bool take(QLockFile& lock, const QString& path) {
+    lock.setStaleLockTime(0); // only a holder that is gone gives its lock up
+    if (!lock.tryLock(0) && QFileInfo(path).size() == 0 && lock.removeStaleLockFile())
+        lock.tryLock(0);
+    return lock.isLocked();
+}
+
 } // namespace
 
 bool Spool::keep(const FileHandler& handler, const QString& packedPath, std::string& message) {
@@ -102,8 +112,7 @@ int32_t Spool::sendAll(dataExchangeLibraryImp& handle, uint32_t& delivered, uint
     extensions.spoolFolder.clear();
     for (const QString& item : _items()) {
         QLockFile sending(root.filePath(item + ".lock"));
-        sending.setStaleLockTime(0); // only a holder that is gone gives its lock up
-        if (!sending.tryLock(0)) {
+        if (!take(sending, root.filePath(item + ".lock"))) {
             ++remaining;
             handle.appendError("Spooled item " + quoted(item) +
                                " is being sent by another process");
@@ -215,8 +224,7 @@ void Spool::_recover(dataExchangeLibraryImp& handle) {
         if (!name.startsWith('.') || !name.endsWith(".incoming") || itemName(item).isEmpty())
             continue;
         QLockFile keeping(root.filePath('.' + item + ".lock"));
-        keeping.setStaleLockTime(0);
-        if (!keeping.tryLock(0)) // still being kept
+        if (!take(keeping, root.filePath('.' + item + ".lock"))) // still being kept
             continue;
         if (QFileInfo::exists(QDir(root.filePath(name)).filePath(manifestName)) &&
             root.rename(name, item))
@@ -226,6 +234,18 @@ void Spool::_recover(dataExchangeLibraryImp& handle) {
             handle.appendError("Spooled item " + quoted(item) +
                                " was kept only halfway; set aside as " +
                                quoted(root.filePath(item + ".broken")) + " with its packed file");
+    }
+    // The lock of an item (or of a keep) that is gone: its holder ended after removing the item
+    // (or finishing the keep) and before releasing the lock. Taken over and released, which
+    // removes it.
+    for (const QString& name : root.entryList({"*.lock"}, QDir::Files | QDir::Hidden)) {
+        const bool ofKeep = name.startsWith('.');
+        const QString item = name.mid(ofKeep ? 1 : 0).chopped(5);
+        if (itemName(item).isEmpty() || root.exists(ofKeep ? '.' + item + ".incoming" : item))
+            continue;
+        QLockFile orphan(root.filePath(name));
+        if (take(orphan, root.filePath(name)))
+            orphan.unlock();
     }
 }
 
