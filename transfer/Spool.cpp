@@ -88,14 +88,16 @@ bool Spool::keep(const FileHandler& handler, const QString& packedPath, std::str
     // Held until the item is whole, so that a send in another process tells a keep in progress
     // from one that crashed.
     QLockFile keeping(root.filePath('.' + item + ".lock"));
-    QJsonObject manifest = describe(handler, packedName);
+    const QJsonObject manifest = describe(handler, packedName);
     const bool kept = root.mkpath(incoming) && keeping.tryLock(0) &&
                       QFile::rename(packedPath, QDir(incoming).filePath(packedName)) &&
                       _writeManifest(incoming, manifest) && root.rename(incoming, item);
     if (!kept) {
-        // The packed item goes back where it was, if it got as far as the spool.
-        QFile::rename(QDir(incoming).filePath(packedName), packedPath);
-        QDir(incoming).removeRecursively();
+        // The packed item goes back where it was, if it got as far as the spool; should even
+        // that fail, the half-made item stays for the next send to set aside, never deleted.
+        const QString moved = QDir(incoming).filePath(packedName);
+        if (!QFileInfo::exists(moved) || QFile::rename(moved, packedPath))
+            QDir(incoming).removeRecursively();
         message = "Could not keep the packed item in the spool " + quoted(root.path());
         return false;
     }
