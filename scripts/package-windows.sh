@@ -118,8 +118,8 @@ check exampleHost.exe "$output" "^dataExchange v2\.[0-9]+\.[0-9]+ .*Windows" "${
 
 step "MSVC-built host"
 # Built as an MSVC customer builds a host: compiled for the MSVC target and linked by lld-link
-# against lib/dataExchange.lib and kernel32 alone, no C run-time (-fno-builtin: nothing may
-# turn the host's loops into calls of memset). It calls every export, checks each answer and
+# against lib/dataExchange.lib, kernel32 and the system's msvcrt.dll (MinGW's import libraries;
+# no start-up code, and -fno-builtin: the compiler may call nothing that is not declared). It calls every export, checks each answer and
 # delivers a folder of its own, cal7, to the shared folder: \\fileserver\measurement through
 # Wine's UNC mapping.
 "$root/scripts/deps.sh" clang-14 lld
@@ -128,6 +128,7 @@ clang-14 --target=x86_64-pc-windows-msvc -std=c11 -O2 -fno-builtin -Wall -Wextra
     -c "$root/tests/api/msvcHost.c" -o "$work/msvcHost.obj"
 lld-link /nologo /subsystem:console /entry:mainCRTStartup /nodefaultlib "$work/msvcHost.obj" \
     "$package/lib/dataExchange.lib" "$(x86_64-w64-mingw32-gcc-posix -print-file-name=libkernel32.a)" \
+    "$(x86_64-w64-mingw32-gcc-posix -print-file-name=libmsvcrt.a)" \
     /out:"$package/bin/msvcHost.exe"
 share="$work/share/processing/cvX/precalibration"
 mkdir -p "$share" "$WINEPREFIX/dosdevices/unc/fileserver"

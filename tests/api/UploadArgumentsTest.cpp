@@ -2,16 +2,7 @@
 // before anything is packed. It needs no folder of its own, so it runs under Wine as well.
 #include "dataExchangeExt.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <regex>
-#include <string>
-#ifdef _WIN32
-#include <direct.h>
-#else
-#include <sys/stat.h>
-#endif
 
 TEST(UploadArguments, RefusedWithResultAndMessage) {
     EXPECT_EQ(dataExchangeSetProgressCallback(nullptr, nullptr, nullptr), InvalidArgument);
@@ -122,79 +113,4 @@ TEST(UploadArguments, SpoolWithoutFolder) {
     dataExchangeGetLastErrors(handle, sizeof text, text);
     EXPECT_STREQ(text, "No spool folder set\n");
     dataExchangeClose(&handle);
-}
-
-namespace {
-
-// A folder made through the narrow file functions, with a file in it: on Windows its name's
-// bytes are read in the ANSI code page, elsewhere taken as they are.
-std::string makeNarrowFolder(const std::string& path) {
-#ifdef _WIN32
-    _mkdir(path.c_str());
-#else
-    mkdir(path.c_str(), 0755);
-#endif
-    if (FILE* file = std::fopen((path + "/c.csv").c_str(), "w"))
-        std::fclose(file);
-    return path;
-}
-
-} // namespace
-
-// "Ø" and "ö" as Latin-1 (code page 1252) bytes, which are not UTF-8: the Unicode mode refuses
-// such a path before anything is packed; in the narrow mode verified delivery names the cause of
-// the failure that follows, and without it the failure stays as it always was.
-TEST(UploadArguments, PathsThatAreNotUtf8) {
-    const std::string work = makeNarrowFolder(testing::TempDir() + "dxNotUtf8");
-    const std::string item = makeNarrowFolder(work + "/Kalibrierung_\xd8");
-    const std::string plain = makeNarrowFolder(work + "/cal7");
-    const std::string userTemp = makeNarrowFolder(work + "/J\xf6rg");
-    const std::string offset = std::to_string(item.size() - 1);
-    const std::string remedy = ": turn on Unicode paths \\(dataExchangeSetUnicodePaths\\) to use "
-                               "its real name\n";
-    const struct {
-        uint32_t unicode, verified;
-        std::string path;
-        bool userTempFolder;
-        int32_t result;
-        std::string errors; // a regular expression
-    } cases[] = {
-        {1, 0, item, false, 10,
-         "File or folder name is not valid UTF-8 at byte offset " + offset +
-             ": '.*/Kalibrierung_\\\\xD8'\n"},
-        {0, 1, item, false, 40,
-         "File or folder '.*/Kalibrierung_\\\\xD8' is not valid UTF-8 at byte offset " + offset +
-             remedy},
-        {0, 0, item, false, 40, "Unknown error handling data\n"},
-        {0, 1, plain, true, 40,
-         "Temporary folder '.*J\\\\xF6rg.tmp.*' is not valid UTF-8 at byte offset \\d+" + remedy},
-    };
-    uint32_t used = 0;
-    char name[64];
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.errors);
-#ifdef _WIN32
-        const std::string variable = "TMP=", previous = getenv("TMP") ? getenv("TMP") : "";
-        _putenv((variable + (c.userTempFolder ? userTemp : previous)).c_str());
-#else
-        const std::string previous = getenv("TMPDIR") ? getenv("TMPDIR") : "";
-        setenv("TMPDIR", (c.userTempFolder ? userTemp : previous).c_str(), 1);
-#endif
-        dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
-        dataExchangeSetInt32Option(handle, "Data type", 0);
-        dataExchangeSetInt32Option(handle, "Device type", 0);
-        dataExchangeSetUnicodePaths(handle, c.unicode);
-        dataExchangeSetVerifiedDelivery(handle, c.verified);
-        EXPECT_EQ(dataExchangeUploadData(handle, c.path.c_str(), sizeof name, name, &used),
-                  c.result);
-        char errors[1024] = "";
-        dataExchangeGetLastErrors(handle, sizeof errors, errors);
-        EXPECT_TRUE(std::regex_match(errors, std::regex(c.errors))) << errors;
-        dataExchangeClose(&handle);
-#ifdef _WIN32
-        _putenv((variable + previous).c_str());
-#else
-        setenv("TMPDIR", previous.c_str(), 1);
-#endif
-    }
 }

@@ -1,15 +1,15 @@
 /* A host built the way an MSVC customer builds one: compiled for the MSVC target, linked with
- * the import library dataExchange.lib and nothing but kernel32 (no C run-time, so no printf and
- * no memcpy). It calls every export of dataExchange.h and dataExchangeExt.h through the MSVC
- * calling convention and checks what comes back, down to the bytes of the buffers and the
- * arguments of both callbacks; then it uploads a folder of its own to the shared folder.
- * One line per check; the exit status is the number of failed checks. */
+ * the import library dataExchange.lib, kernel32 and the system's msvcrt.dll (no C run-time of
+ * its own, so no start-up code and no memcpy the compiler could call). It calls every export of
+ * dataExchange.h and dataExchangeExt.h through the MSVC calling convention and checks what comes
+ * back, down to the bytes of the buffers and the arguments of both callbacks; then it uploads a
+ * folder of its own to the shared folder. One line per check; the exit status is the number of
+ * failed checks. */
 #include "dataExchangeExt.h"
 
-/* Just the kernel32 functions used, declared here: the host sees no Windows SDK. */
+/* Just the kernel32 and msvcrt functions used, declared here: the host sees no SDK. */
 typedef void* HANDLE;
 typedef unsigned long DWORD;
-__declspec(dllimport) HANDLE __stdcall GetStdHandle(DWORD which);
 __declspec(dllimport) int __stdcall WriteFile(HANDLE file, const void* data, DWORD size,
                                               DWORD* written, void* overlapped);
 __declspec(dllimport) __declspec(noreturn) void __stdcall ExitProcess(unsigned status);
@@ -19,7 +19,11 @@ __declspec(dllimport) HANDLE
     __stdcall CreateFileA(const char* path, DWORD access, DWORD share, void* security,
                           DWORD disposition, DWORD attributes, HANDLE model);
 __declspec(dllimport) int __stdcall CloseHandle(HANDLE file);
-#define STD_OUTPUT_HANDLE ((DWORD)-11)
+__declspec(dllimport) int __cdecl printf(const char* format, ...);
+__declspec(dllimport) int __cdecl strcmp(const char* a, const char* b);
+__declspec(dllimport) size_t __cdecl strlen(const char* text);
+__declspec(dllimport) void* __cdecl memset(void* buffer, int byte, size_t size);
+__declspec(dllimport) int __cdecl sprintf(char* buffer, const char* format, ...);
 #define GENERIC_WRITE 0x40000000ul
 #define CREATE_ALWAYS 2ul
 #define FILE_ATTRIBUTE_NORMAL 0x80ul
@@ -35,29 +39,14 @@ _Static_assert(sizeof(dataExchangeOptionDescription) == 32 &&
                    offsetof(dataExchangeOptionDescription, type) == 28,
                "dataExchangeOptionDescription as MinGW lays it out");
 
-/* ---- Text without a run-time ---- */
-
-static size_t length(const char* text) {
-    size_t n = 0;
-    while (text[n] != '\0')
-        ++n;
-    return n;
-}
-
-static int same(const char* a, const char* b, size_t n) {
-    size_t i = 0;
-    while (i < n && a[i] == b[i])
-        ++i;
-    return i == n;
-}
+/* ---- Checks ---- */
 
 static int equal(const char* a, const char* b) {
-    return length(a) == length(b) && same(a, b, length(a));
+    return strcmp(a, b) == 0;
 }
 
 static void fill(char* buffer, size_t size) {
-    for (size_t i = 0; i < size; ++i)
-        buffer[i] = '#';
+    memset(buffer, '#', size);
 }
 
 /* Text matching a template where 'D' stands for any decimal digit and 'X' for any lower-case
@@ -73,83 +62,42 @@ static int shaped(const char* text, const char* template) {
     return *text == '\0';
 }
 
-/* The detail of the next output line, collected by add() and addNumber(). */
-static char detail[1024];
-static size_t detailLength;
-
-static void add(const char* text) {
-    while (*text != '\0' && detailLength < sizeof detail)
-        detail[detailLength++] = *text++;
-}
-
-static void addNumber(int64_t value, int isSigned) {
-    char digits[24];
-    int n = 0;
-    uint64_t rest = (uint64_t)value;
-    if (isSigned && value < 0) {
-        add("-");
-        rest = 0 - rest;
-    }
-    do {
-        digits[n++] = (char)('0' + rest % 10);
-        rest /= 10;
-    } while (rest != 0);
-    while (n > 0 && detailLength < sizeof detail)
-        detail[detailLength++] = digits[--n];
-}
-
-static void write(const char* text, size_t size) {
-    DWORD written = 0;
-    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text, (DWORD)size, &written, 0);
-}
-
-/* ---- Checks ---- */
-
 static unsigned failures;
 
-/* One line: "ok WHAT: DETAIL" or "FAILED WHAT: DETAIL"; the detail is reset. */
-static void report(int ok, const char* what) {
-    write(ok ? "ok " : "FAILED ", ok ? 3 : 7);
-    write(what, length(what));
-    if (detailLength != 0) {
-        write(": ", 2);
-        write(detail, detailLength);
-    }
-    write("\r\n", 2);
-    detailLength = 0;
+/* One line: "ok WHAT: DETAIL" or "FAILED WHAT: DETAIL" (msvcrt's text mode ends it in CR LF). */
+static void report(int ok, const char* what, const char* detail) {
+    printf("%s %s: %s\n", ok ? "ok" : "FAILED", what, detail);
     failures += !ok;
 }
 
 static void result(const char* what, int32_t got, int32_t want) {
-    add("result ");
-    addNumber(got, 1);
-    if (got != want) {
-        add(", not ");
-        addNumber(want, 1);
-    }
-    report(got == want, what);
+    char detail[64];
+    sprintf(detail, got == want ? "result %d" : "result %d, not %d", (int)got, (int)want);
+    report(got == want, what, detail);
 }
 
 /* The text quoted, a line break shown as \n so that the check stays on one line. */
 static void text(const char* what, int ok, const char* got) {
-    add("'");
-    for (; *got != '\0' && detailLength + 2 < sizeof detail; ++got) {
+    char detail[1024];
+    size_t n = 0;
+    detail[n++] = '\'';
+    for (; *got != '\0' && n + 4 < sizeof detail; ++got) {
         if (*got == '\n')
-            add("\\n");
+            detail[n++] = '\\', detail[n++] = 'n';
         else
-            detail[detailLength++] = *got;
+            detail[n++] = *got;
     }
-    add("'");
-    report(ok, what);
+    detail[n++] = '\'';
+    detail[n] = '\0';
+    report(ok, what, detail);
 }
 
 static void number(const char* what, uint64_t got, uint64_t want) {
-    addNumber((int64_t)got, 0);
-    if (got != want) {
-        add(", not ");
-        addNumber((int64_t)want, 0);
-    }
-    report(got == want, what);
+    char detail[64];
+    /* %I64u: what every msvcrt.dll takes for 64 bits. */
+    sprintf(detail, got == want ? "%I64u" : "%I64u, not %I64u", (unsigned long long)got,
+            (unsigned long long)want);
+    report(got == want, what, detail);
 }
 
 /* ---- Callbacks ---- */
@@ -232,9 +180,9 @@ static int writeFolder(void) {
         file = CreateFileA(path, GENERIC_WRITE, 0, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, 0);
         if (file == INVALID_HANDLE_VALUE)
             return 0;
-        ok = WriteFile(file, fileTexts[f], (DWORD)length(fileTexts[f]), &written, 0);
+        ok = WriteFile(file, fileTexts[f], (DWORD)strlen(fileTexts[f]), &written, 0);
         CloseHandle(file);
-        if (!ok || written != length(fileTexts[f]))
+        if (!ok || written != strlen(fileTexts[f]))
             return 0;
     }
     return 1;
@@ -269,14 +217,10 @@ static void options(dataExchangeLibraryImp* handle) {
         const int ok = equal(o->name, expectedOptions[n].name) && o->summary[0] != '\0' &&
                        o->description[0] != '\0' && o->access == 3 &&
                        o->type == expectedOptions[n].type;
-        add(o->name);
-        add(" type ");
-        addNumber(o->type, 1);
-        add(" access ");
-        addNumber(o->access, 0);
-        add(": ");
-        add(o->summary);
-        report(ok, "option");
+        char detail[512];
+        sprintf(detail, "%.100s type %d access %u: %.300s", o->name, (int)o->type,
+                (unsigned)o->access, o->summary);
+        report(ok, "option", detail);
     }
 
     /* Every Set, then the Get of the same type reads it back; the serial uses all 64 bits. */
@@ -340,7 +284,7 @@ static void extensions(dataExchangeLibraryImp* handle) {
 
 static void upload(dataExchangeLibraryImp* handle) {
     uint32_t location = 7;
-    uint64_t bytes = length(fileTexts[0]) + length(fileTexts[1]);
+    uint64_t bytes = strlen(fileTexts[0]) + strlen(fileTexts[1]);
     int32_t status;
     if (!writeFolder()) {
         text("folder written", 0, folder);
@@ -366,9 +310,7 @@ static void upload(dataExchangeLibraryImp* handle) {
     result("dataExchangeGetStoredName", dataExchangeGetStoredName(handle, 64, buffer), Success);
     text("stored name (a share answers none)", buffer[0] == '\0', buffer);
     /* For the script, which looks at the share. */
-    write("delivered=", 10);
-    write(name, length(name));
-    write("\r\n", 2);
+    printf("delivered=%s\n", name);
 }
 
 int mainCRTStartup(void) {
@@ -376,19 +318,15 @@ int mainCRTStartup(void) {
     identity();
     fill(buffer, 256);
     handle = dataExchangeInit(0, 256, buffer);
-    add(handle != 0 ? "a handle" : buffer);
-    report(handle != 0, "dataExchangeInit");
+    report(handle != 0, "dataExchangeInit", handle != 0 ? "a handle" : buffer);
     if (handle != 0) {
         options(handle);
         extensions(handle);
         upload(handle);
         result("dataExchangeClose", dataExchangeClose(&handle), Success);
-        add(handle == 0 ? "NULL" : "not NULL");
-        report(handle == 0, "handle after close");
+        report(handle == 0, "handle after close", handle == 0 ? "NULL" : "not NULL");
     }
-    addNumber(failures, 0);
-    add(" failed");
-    report(failures == 0, "all checks");
+    number("failed checks", failures, 0);
     /* Qt's threads may still run: end the process, not just this thread. */
     ExitProcess(failures);
 }
