@@ -1,4 +1,5 @@
 // The opt-in extension exports: each stores one setting of the handle.
+#include "LogSink.h"
 #include "api/dataExchangeLibraryImp.h"
 #include "transfer/ParallelPacker.h"
 #include "transfer/RetryPolicy.h"
@@ -105,6 +106,12 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetRetries(dataExchangeLi
     handle->appendError("Retries are at most " + std::to_string(kept) + "; " +
                         std::to_string(retries) + " was cropped");
     return ValueCropped;
+}
+
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetLogCallback(dataExchangeLogCallback callback, void* context) {
+    measurement::LogSink::set(callback, context);
+    return Success;
 }
 
 } // extern "C"

@@ -1,8 +1,8 @@
 /*
  * dataExchange extensions: progress and cancel, a stall timeout, removal of the packed item, the
- * proxy of config.xml, verified delivery, packing on several threads, Unicode paths, retries and a
- * spool. Each is opt-in per handle; a handle that never calls these exports behaves exactly as
- * one of a library without them.
+ * proxy of config.xml, verified delivery, packing on several threads, Unicode paths, retries, a
+ * spool and a log callback. Each is opt-in, per handle but for the process-wide log callback; a
+ * library whose extensions are never called behaves exactly as one without them.
  *
  *     static int32_t onProgress(uint32_t stage, uint64_t done, uint64_t total, void* context) {
  *         printf("stage %u: %llu of %llu\n", stage, (unsigned long long)done,
@@ -175,6 +175,35 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSendSpooled(dataExchangeL
  * "No spool folder set". */
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeListSpooled(dataExchangeLibraryImp* handle,
                                                                    size_t bufferSize, char* buffer);
+
+/* What a log line reports. The library's lines are a trace: what it does and what failed below
+ * the error list; only the zip writer's are about the host's data, a file left out of a package. */
+typedef enum dataExchangeLogLevel {
+    LogDebug = 0,  /* the debug output's lines: "Adding file a.csv", "Received answer ..." */
+    LogWarning = 1 /* the zip writer could not open, read or write a file ("Couldn't open ...") */
+} dataExchangeLogLevel;
+
+/* Receives one log line: UTF-8 (names in the ANSI code page are converted), without the line
+ * end, exactly the text the debug output shows (a quoted server answer may hold line feeds). */
+typedef void(DATAEXCHANGE_CALL* dataExchangeLogCallback)(uint32_t level, const char* line,
+                                                         void* context);
+
+/* dataExchangeSetLogCallback() : process-wide, for the log is not per handle. NULL (the default)
+ * writes LogDebug lines to the debug output (OutputDebugStringA on Windows, standard error
+ * elsewhere) and LogWarning lines to Qt's warning channel. A callback takes every line instead:
+ * while it is set, neither of those gets anything (Qt's own messages stay on Qt's channel).
+ * Threads: lines come from any thread (the uploading one, packing threads, Qt's), one call at a
+ * time, each whole, in the order written; a slow callback delays the threads that log meanwhile
+ * and loses nothing. A line the library writes on the thread of a running callback (when the
+ * callback calls the library) goes to the debug output instead.
+ * Unsetting: once this call returns, the previous callback is not running on another thread
+ * and is never called again (waiting for a running call to end; from inside the callback it
+ * returns at once). Lines are handed over until then, also while the library unloads (it
+ * removes its temporary folders), so a host whose callback may be gone before that (an
+ * interpreter or managed runtime that shuts down, a module unloaded first) sets NULL before.
+ * @return Success. */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetLogCallback(dataExchangeLogCallback callback, void* context);
 
 #ifdef __cplusplus
 }

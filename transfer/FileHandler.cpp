@@ -5,12 +5,12 @@
 #include "api/dataExchangeLibraryImp.h"
 #include "options/OptionCatalogue.h"
 #include "transfer/ParallelPacker.h"
+#include "transfer/ZipWarning.h"
 
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QMessageLogger>
 #include <quazip/quazip.h>
 #include <quazip/quazipfile.h>
 #include <quazip/quazipnewinfo.h>
@@ -194,8 +194,7 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
         if (!entry.open(QIODevice::WriteOnly, QuaZipNewInfo(name, filePath), nullptr, 0,
                         isFolder ? 0 : Z_DEFLATED, Z_DEFAULT_COMPRESSION, false, -MAX_WBITS, 8,
                         Z_DEFAULT_STRATEGY)) {
-            QMessageLogger().warning("Couldn't open %s in %s", utf8Name.constData(),
-                                     archiveName.constData());
+            zipWarning("Couldn't open %s in %s", utf8Name.constData(), archiveName.constData());
             return false;
         }
         if (isFolder) {
@@ -206,19 +205,19 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
         const QByteArray utf8Path = filePath.toUtf8();
         QFile input(filePath);
         if (!input.open(QIODevice::ReadOnly)) {
-            QMessageLogger().warning("Couldn't open %s", utf8Path.constData());
+            zipWarning("Couldn't open %s", utf8Path.constData());
             return false;
         }
         while (!input.atEnd()) {
             char buffer[4096];
             const qint64 read = input.read(buffer, sizeof buffer);
             if (read <= 0) {
-                QMessageLogger().warning("Couldn't read %s", utf8Path.constData());
+                zipWarning("Couldn't read %s", utf8Path.constData());
                 return false;
             }
             if (entry.write(buffer, read) < read) {
-                QMessageLogger().warning("Couldn't write to %s in %s", utf8Path.constData(),
-                                         archiveName.constData());
+                zipWarning("Couldn't write to %s in %s", utf8Path.constData(),
+                           archiveName.constData());
                 return false;
             }
             packed += quint64(read);
@@ -241,7 +240,7 @@ bool FileHandler::_zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& p
     zip.close();
     zipFile.close();
     if (packed && zip.getZipError() != ZIP_OK) {
-        QMessageLogger().warning("Couldn't write %s", zipFile.fileName().toUtf8().constData());
+        zipWarning("Couldn't write %s", zipFile.fileName().toUtf8().constData());
         packed = false;
     }
     if (packed)

@@ -1,10 +1,10 @@
 #include "transfer/ParallelPacker.h"
 
 #include "System.h"
+#include "transfer/ZipWarning.h"
 
 #include <QFile>
 #include <QFileInfo>
-#include <QMessageLogger>
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -131,7 +131,7 @@ bool ParallelPacker::pack(QuaZip& zip, const QString& archivePath, const QByteAr
         // The system has no more threads to give: the ones running share the pieces.
     }
     if (workers.empty()) {
-        QMessageLogger().warning("Couldn't start packing threads");
+        zipWarning("Couldn't start packing threads");
         return false;
     }
     size_t next = 0;
@@ -311,19 +311,17 @@ bool ParallelPacker::_writeEntry(QuaZip& zip, int entry, size_t& next, ProgressR
     }
     const QByteArray utf8Path = filePath.toUtf8();
     if (next >= pieces.size() || pieces[next].entry != entry) { // it was a folder when planned
-        QMessageLogger().warning("Couldn't open %s", utf8Path.constData());
+        zipWarning("Couldn't open %s", utf8Path.constData());
         return false;
     }
     const auto failed = [&](const Piece& piece) {
         if (piece.failure == Failure::None)
             return false;
         if (piece.failure == Failure::Spill)
-            QMessageLogger().warning("Couldn't write to %s in %s", utf8Path.constData(),
-                                     archiveName.constData());
+            zipWarning("Couldn't write to %s in %s", utf8Path.constData(), archiveName.constData());
         else
-            QMessageLogger().warning(piece.failure == Failure::Open ? "Couldn't open %s"
-                                                                    : "Couldn't read %s",
-                                     utf8Path.constData());
+            zipWarning(piece.failure == Failure::Open ? "Couldn't open %s" : "Couldn't read %s",
+                       utf8Path.constData());
         return true;
     };
     // The header carries the CRC and, for the single thread, zlib's guess whether the data is
@@ -350,8 +348,7 @@ bool ParallelPacker::_writeEntry(QuaZip& zip, int entry, size_t& next, ProgressR
     QuaZipFile file(&zip);
     if (!file.open(QIODevice::WriteOnly, info, nullptr, quint32(crc), Z_DEFLATED, level, true,
                    -MAX_WBITS, memoryLevel, Z_DEFAULT_STRATEGY)) {
-        QMessageLogger().warning("Couldn't open %s in %s", utf8Name.constData(),
-                                 archiveName.constData());
+        zipWarning("Couldn't open %s in %s", utf8Name.constData(), archiveName.constData());
         return false;
     }
     debugPrint("Adding file %s", utf8Name.constData());

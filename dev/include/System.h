@@ -16,9 +16,9 @@
 #define DATAEXCHANGE_PRINTF_FORMAT
 #endif
 
-// Writes one formatted line (at most 1023 characters, then "\n") to the debug output: the
-// debugger's output on Windows, standard error elsewhere. A null format or a formatting error
-// writes nothing.
+// Writes one formatted line (at most 1023 characters, then "\n") to the host's log callback when
+// one is set, else to the debug output: the debugger's output on Windows, standard error
+// elsewhere. A null format or a formatting error writes nothing.
 void debugPrint(const char* format, ...) DATAEXCHANGE_PRINTF_FORMAT;
 
 namespace measurement {

@@ -2,6 +2,7 @@
 // file and the bounded formatting of a debug line. Included by the implementations only.
 #pragma once
 
+#include "LogSink.h"
 #include "System.h"
 
 #include <cstdarg>
@@ -37,6 +38,16 @@ inline bool formatDebugLine(DebugLine& line, const char* format, va_list args) {
     line[length] = '\n';
     line[length + 1] = '\0';
     return true;
+}
+
+// Offers a formatted line to the host's callback, without its line end; false when it is not
+// taken and goes to the default output.
+inline bool deliverDebugLine(DebugLine& line) {
+    const size_t end = std::strlen(line) - 1;
+    line[end] = '\0';
+    const bool taken = LogSink::deliver(LogDebug, line);
+    line[end] = '\n';
+    return taken;
 }
 
 // Removes a tree the same way on every platform and for every way a path is held. `Files`

@@ -18,6 +18,9 @@ public:
     // (C0, DEL, C1), written as \xNN: what a message or a terminal may safely show of text that
     // came from outside.
     static std::string escaped(const std::string& text);
+    // Text in the system's 8-bit encoding (a path from toLocal8Bit) as UTF-8: unchanged when it
+    // is UTF-8 already; else on Windows read in the ANSI code page, elsewhere escaped.
+    static std::string fromSystem(const std::string& text);
 
     // 0: missing, 1: exists and is not a folder, 2: folder.
     static int pathKind(const char* path);

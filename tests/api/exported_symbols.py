@@ -10,7 +10,7 @@ EXPECTED = {"dataExchange" + name for name in (
     # Opt-in extensions.
     "SetProgressCallback SetStallTimeout SetRemovePackage SetUseConfiguredProxy "
     "SetVerifiedDelivery GetStoredName SetPackingThreads SetUnicodePaths "
-    "SetRetries SetSpoolFolder SendSpooled ListSpooled").split()}
+    "SetRetries SetSpoolFolder SendSpooled ListSpooled SetLogCallback").split()}
 
 
 def output(*command):

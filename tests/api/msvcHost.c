@@ -147,6 +147,14 @@ static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint6
     return 0;
 }
 
+/* Debug lines naming a packed file, and calls with other levels or contexts. */
+static unsigned addingLines, oddLogCalls;
+
+static void DATAEXCHANGE_CALL onLog(uint32_t level, const char* line, void* context) {
+    oddLogCalls += level != LogDebug || context != &addingLines;
+    addingLines += equal(line, "Adding file a.csv") || equal(line, "Adding file b.csv");
+}
+
 /* ---- The host ---- */
 
 /* The folder uploaded: two small files in <current folder>\cal7. */
@@ -268,6 +276,7 @@ static void extensions(dataExchangeLibraryImp* handle) {
     text("errors of the refused call",
          equal(buffer, "Unicode paths are 0 (off) or 1 (on), not 2\n"), buffer);
     result("dataExchangeSetRetries", dataExchangeSetRetries(handle, 2, 10), Success);
+    result("dataExchangeSetLogCallback", dataExchangeSetLogCallback(onLog, &addingLines), Success);
     result("dataExchangeSetSpoolFolder(NULL)", dataExchangeSetSpoolFolder(handle, 0), Success);
     {
         uint32_t delivered = 7, remaining = 7;
@@ -303,6 +312,9 @@ static void upload(dataExchangeLibraryImp* handle) {
     number("used location", location, SharedFolder);
     text("delivered name", shaped(name, "DDDD-DD-DD_DD-DD-DD_precalibration_cal7.zip"), name);
     number("progress calls with impossible arguments", oddProgress, 0);
+    result("dataExchangeSetLogCallback(NULL)", dataExchangeSetLogCallback(0, 0), Success);
+    number("log lines naming a file", addingLines, 2);
+    number("log calls with another level or context", oddLogCalls, 0);
     number("packing total", stages[StagePacking].total, bytes);
     number("packing done", stages[StagePacking].done, bytes);
     number("shared folder done", stages[StageSharedFolder].done, 1);

@@ -1,7 +1,7 @@
 // Several handles uploading at the same time, one thread each, half of them through the shared
 // folder and half through the server, packing on one, two or every core: every thread gets its own
-// result, every item arrives whole under its own name. scripts/test.sh also runs this under
-// ThreadSanitizer.
+// result, every item arrives whole under its own name, every log line whole to one callback.
+// scripts/test.sh also runs this under ThreadSanitizer.
 #include "ProcessingSite.h"
 #include "System.h"
 #include "UploadFixture.h"
@@ -11,6 +11,7 @@
 #include <QJsonArray>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <set>
 #include <thread>
@@ -43,6 +44,10 @@ TEST(Concurrency, HandlesOnSeveralThreadsUploadAtOnce) {
     dataExchangeLibraryImp* first = dataExchangeInit(nullptr, 0, nullptr);
     const size_t foldersBefore = measurement::System::instance().temporaryFolders.size();
     std::array<std::array<dxtest::Outcome, uploadsPerThread>, threadCount> results;
+    // Unguarded: the library makes the calls one at a time.
+    static std::vector<std::string> lines;
+    dataExchangeSetLogCallback([](uint32_t, const char* line, void*) { lines.emplace_back(line); },
+                               nullptr);
     std::vector<std::thread> threads;
     for (int t = 0; t < threadCount; ++t)
         threads.emplace_back([&, t] {
@@ -58,6 +63,7 @@ TEST(Concurrency, HandlesOnSeveralThreadsUploadAtOnce) {
     for (std::thread& thread : threads)
         thread.join();
     dataExchangeClose(&first);
+    dataExchangeSetLogCallback(nullptr, nullptr);
 
     // Each item whole, under its own name, in its place.
     for (int t = 0; t < threadCount; ++t) {
@@ -66,6 +72,9 @@ TEST(Concurrency, HandlesOnSeveralThreadsUploadAtOnce) {
             ASSERT_EQ(upload.result, Success) << upload.errors.toStdString();
             const QString path = t % 2 ? site.storedFile(upload.name) : share + "/" + upload.name;
             EXPECT_TRUE(upload.name.endsWith("precalibration_" + label(t, u) + ".zip"));
+            EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                                 "Adding file " + label(t, u).toStdString() + ".csv"),
+                      1);
             EXPECT_EQ(dxtest::readZip(path)["entries"].toArray()[0].toObject()["data"].toString(),
                       content(t, u).toHex());
         }

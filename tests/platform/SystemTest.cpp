@@ -1,5 +1,6 @@
 // The platform layer on real folders: the same cases on Linux and on Windows (under Wine).
 #include "System.h"
+#include "LogSink.h"
 #include "UnicodePaths.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <fstream>
 #include <functional>
 #include <regex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -24,6 +26,7 @@
 #endif
 
 namespace fs = std::filesystem;
+using measurement::LogSink;
 using measurement::System;
 using measurement::UnicodePaths;
 
@@ -33,6 +36,7 @@ namespace {
 const char *const sourceFile = "winSystem.cpp", *const tempVariable = "TMP=";
 const char* const finalSeparator = ""; // _stat refuses a folder named with one
 const std::string separator = "\\";
+const char* const ansiA = "\xC3\xA4"; // a debug line's byte 0xE4 ("ä" in code page 1252)
 const int lockedFolderCode = ERROR_SHARING_VIOLATION, notEmptyFolderCode = ERROR_DIR_NOT_EMPTY,
           fileRmdirErrno = EINVAL; // of removing a plain file as a folder
 
@@ -80,6 +84,7 @@ void setTemporaryFolder(const std::string& utf8) {
 const char *const sourceFile = "posixSystem.cpp", *const tempVariable = "TMPDIR=";
 const char* const finalSeparator = "/"; // a folder may be named with one
 const std::string separator = "/";
+const char* const ansiA = "\\xE4"; // a debug line's byte 0xE4, which UTF-8 names cannot hold
 const int lockedFolderCode = EACCES, notEmptyFolderCode = ENOTEMPTY, fileRmdirErrno = ENOTDIR;
 
 std::string capture(const std::function<void()>& body) {
@@ -138,6 +143,85 @@ TEST_F(SystemTest, DebugLinesAndPathKinds) {
     EXPECT_EQ(System::pathKind(at("missing").c_str()), 0);
     EXPECT_EQ(System::pathKind(at("file.txt").c_str()), 1);
     EXPECT_EQ(System::pathKind(at("").c_str()), 2);
+}
+
+// What the host's log callback is handed, as "<level>:<line>"; calls that overlapped are counted.
+struct LogLines {
+    std::vector<std::string> lines;
+    std::atomic<int> inside{0};
+    int overlapped = 0;
+};
+void DATAEXCHANGE_CALL collect(uint32_t level, const char* line, void* context) {
+    auto* log = static_cast<LogLines*>(context);
+    log->overlapped += ++log->inside > 1;
+    log->lines.push_back(std::to_string(level) + ":" + line);
+    --log->inside;
+}
+
+// The callback takes every line instead of the debug output: whole, in order, in UTF-8, without
+// the line end; lines of two threads never overlap; it may unset itself, and what is logged
+// inside it goes to the debug output; unsetting waits for a running call; NULL restores.
+TEST_F(SystemTest, LogCallback) {
+    LogLines log;
+    const std::string text(5000, 'x');
+    LogSink::set(collect, &log);
+    EXPECT_EQ(capture([&] {
+                  debugPrint("%s=%d/%i/%u\n", "n", -5, 6, 7u);
+                  debugPrint("%s", text.c_str());
+                  debugPrint("Adding file %s", "Messung_\xE4.csv");
+                  debugPrint(static_cast<const char*>(nullptr));
+                  LogSink::deliver(LogWarning, "Couldn't open a.csv");
+              }),
+              "");
+    EXPECT_EQ(log.lines,
+              (std::vector<std::string>{"0:n=-5/6/7\n", "0:" + text.substr(0, 1023),
+                                        "0:Adding file Messung_" + std::string(ansiA) + ".csv",
+                                        "1:Couldn't open a.csv"}));
+    log.lines.clear();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([t, &text] {
+            for (int n = 0; n < 300; ++n)
+                debugPrint("%d %03d %s", t, n, text.c_str() + 4900);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(log.overlapped, 0);
+    std::vector<std::string> ofThread[2];
+    for (const std::string& line : log.lines)
+        ofThread[line.compare(0, 3, "0:1") == 0].push_back(line);
+    for (int t = 0; t < 2; ++t)
+        for (size_t n = 0; n < 300 && ofThread[t].size() == 300u; ++n) {
+            char start[16];
+            std::snprintf(start, sizeof start, "0:%d %03d ", t, int(n));
+            ASSERT_EQ(ofThread[t][n], start + text.substr(4900));
+        }
+    EXPECT_EQ(ofThread[1].size(), 300u);
+
+    static std::atomic<int> phase{0}; // 1: in the call, 2: unset returned
+    static int unsetBeforeReturn = 0;
+    LogSink::set(
+        [](uint32_t, const char* line, void*) {
+            phase = 1;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            unsetBeforeReturn = phase.load() == 2;
+            debugPrint("inside %s", line);
+        },
+        nullptr);
+    EXPECT_EQ(capture([&] {
+                  std::thread slow([] { debugPrint("slow"); });
+                  for (int wait = 0; wait < 5000 && phase == 0; ++wait)
+                      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                  LogSink::set(nullptr, nullptr);
+                  phase = 2;
+                  slow.join();
+                  LogSink::set([](uint32_t, const char*, void*) { LogSink::set(nullptr, nullptr); },
+                               nullptr);
+                  debugPrint("unset inside");
+                  debugPrint("restored");
+              }),
+              "inside slow\nrestored\n");
+    EXPECT_EQ(unsetBeforeReturn, 0);
 }
 
 // Single folders and trees, with all the debug output except the walk's entries: a file that

@@ -2,6 +2,7 @@
 // unzip. What packing leads to at the boundary (names, delivery, .info, an empty folder, a folder
 // with a sub-folder) is tested in tests/api.
 #include "transfer/FileHandler.h"
+#include "LogSink.h"
 #include "UploadFixture.h"
 
 #include <QDir>
@@ -151,6 +152,9 @@ TEST_F(Packing, DiskFullOnSeveralThreads) {
     ASSERT_TRUE(dxtest::writeFile(work.filePath("data/a.bin"), mixedBytes(3 << 20, 1)) &&
                 dxtest::writeFile(work.filePath("data/b.bin"), mixedBytes(3 << 20, 2)));
     static QStringList warnings;
+    const dataExchangeLogCallback logWarning = [](uint32_t level, const char* line, void*) {
+        warnings << QString::number(level) + " " + line;
+    };
     qInstallMessageHandler(
         [](QtMsgType, const QMessageLogContext&, const QString& text) { warnings << text; });
     rlimit limit{}, small{};
@@ -159,6 +163,8 @@ TEST_F(Packing, DiskFullOnSeveralThreads) {
     std::signal(SIGXFSZ, SIG_IGN);
     dataExchangeLibraryImp::Extensions extensions;
     for (uint32_t threads : {1u, 2u}) {
+        // On two threads the host's log callback takes the warnings instead of Qt's channel.
+        measurement::LogSink::set(threads == 1 ? nullptr : logWarning, nullptr);
         extensions.packingThreads = threads;
         handler.useExtensions(extensions);
         setrlimit(RLIMIT_FSIZE, &small);
@@ -167,7 +173,10 @@ TEST_F(Packing, DiskFullOnSeveralThreads) {
         EXPECT_EQ(handler.error, "");
     }
     qInstallMessageHandler(nullptr);
+    measurement::LogSink::set(nullptr, nullptr);
     // Which file a full disk shows in depends on when zip buffers are flushed.
-    EXPECT_EQ(warnings.filter(QRegularExpression("^Couldn't write to .*_data\\.zip$")).size(), 2);
+    for (const char* warning :
+         {"^Couldn't write to .*_data\\.zip$", "^1 Couldn't write to .*_data\\.zip$"})
+        EXPECT_EQ(warnings.filter(QRegularExpression(warning)).size(), 1) << warning;
     EXPECT_FALSE(QFileInfo::exists(packed) || QFileInfo::exists(QFileInfo(packed).path()));
 }

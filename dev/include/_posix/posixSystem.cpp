@@ -28,8 +28,9 @@ void debugPrint(const char* format, ...) {
     const bool formatted = measurement::platform::formatDebugLine(line, format, args);
     va_end(args);
     // A single write keeps lines of concurrent threads apart.
-    while (formatted && ::write(STDERR_FILENO, line, std::strlen(line)) < 0 && errno == EINTR) {
-    }
+    if (formatted && !measurement::platform::deliverDebugLine(line))
+        while (::write(STDERR_FILENO, line, std::strlen(line)) < 0 && errno == EINTR) {
+        }
     errno = savedErrno;
 }
 

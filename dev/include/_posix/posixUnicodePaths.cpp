@@ -16,6 +16,11 @@ bool UnicodePaths::removeDirectory(const char* path) {
     return System::removeDirectory(path);
 }
 
+// A name that is not UTF-8 on a system whose names are has no other reading.
+std::string UnicodePaths::fromSystem(const std::string& text) {
+    return invalidUtf8Offset(text) == std::string::npos ? text : escaped(text);
+}
+
 bool UnicodePaths::removeDirectoryRecursively(const std::string& path) {
     return System::removeDirectoryRecursively(path);
 }

@@ -33,7 +33,8 @@ void debugPrint(const char* format, ...) {
     measurement::platform::DebugLine line;
     va_list args;
     va_start(args, format);
-    if (measurement::platform::formatDebugLine(line, format, args))
+    if (measurement::platform::formatDebugLine(line, format, args) &&
+        !measurement::platform::deliverDebugLine(line))
         OutputDebugStringA(line);
     va_end(args);
     errno = savedErrno;

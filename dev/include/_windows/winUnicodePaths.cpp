@@ -16,11 +16,12 @@ namespace measurement {
 
 namespace {
 
-std::wstring toUtf16(const std::string& text) {
+std::wstring toUtf16(const std::string& text, UINT codePage = CP_UTF8) {
     const int size = static_cast<int>(text.size());
     std::wstring wide(
-        static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), size, nullptr, 0)), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), size, wide.data(), static_cast<int>(wide.size()));
+        static_cast<size_t>(MultiByteToWideChar(codePage, 0, text.data(), size, nullptr, 0)),
+        L'\0');
+    MultiByteToWideChar(codePage, 0, text.data(), size, wide.data(), static_cast<int>(wide.size()));
     return wide;
 }
 
@@ -75,6 +76,11 @@ struct WideFiles {
 };
 
 } // namespace
+
+std::string UnicodePaths::fromSystem(const std::string& text) {
+    return invalidUtf8Offset(text) == std::string::npos ? text
+                                                        : toUtf8(toUtf16(text, CP_ACP).c_str());
+}
 
 int UnicodePaths::pathKind(const char* path) {
     if (path == nullptr || invalidUtf8Offset(path) != std::string::npos)
