@@ -11,6 +11,7 @@
 #define _XOPEN_SOURCE 600
 #endif
 
+#include "cliLog.h"
 #include "cliSpool.h"
 #include "cliText.h"
 #include "dataExchangeExt.h"
@@ -64,57 +65,7 @@ static void catchInterrupt(void (*handler)(int)) {
 
 #define TOOL "dataexchange-upload"
 
-/* The library writes its debug lines to standard error on POSIX systems (on Windows they go to
- * the debugger). Once the arguments are read they go into a temporary file until the program
- * ends, so that they never run into the progress line or the result; the program's own messages
- * go to standard error as it was. --verbose shows them between progress updates, each on a line
- * of its own, and after a failure the last few are shown as context. */
-static FILE* messages; /* the program's own messages: standard error as it was */
-#if defined(_WIN32)
-static void captureDebugLines(void) {}
-static void showDebugLines(int lastOnly) {
-    (void)lastOnly;
-}
-#else
-static FILE* debugLog;  /* the temporary file, NULL when nothing is captured */
-static long debugShown; /* bytes of it already shown */
-
-static void captureDebugLines(void) {
-    const int terminal = dup(STDERR_FILENO);
-    FILE* own = terminal < 0 ? NULL : fdopen(terminal, "w");
-    debugLog = own == NULL ? NULL : tmpfile();
-    if (debugLog == NULL || dup2(fileno(debugLog), STDERR_FILENO) < 0) {
-        if (own != NULL)
-            fclose(own);
-        return;
-    }
-    setvbuf(own, NULL, _IONBF, 0);
-    messages = own;
-}
-
-/* The lines written since the last call, or with lastOnly the last five, to the messages. */
-static void showDebugLines(int lastOnly) {
-    char text[16 * 1024];
-    size_t length, start, lines = 0;
-    long end;
-    if (debugLog == NULL || fseek(debugLog, 0, SEEK_END) != 0 || (end = ftell(debugLog)) <= 0)
-        return;
-    if (lastOnly || end - debugShown > (long)sizeof text)
-        debugShown = end > (long)sizeof text ? end - (long)sizeof text : 0;
-    if (fseek(debugLog, debugShown, SEEK_SET) != 0)
-        return;
-    length = fread(text, 1, sizeof text, debugLog);
-    debugShown += (long)length;
-    /* Back to the start of the fifth line from the end: after the sixth line feed from it. */
-    for (start = lastOnly ? length : 0; start > 0; --start)
-        if (text[start - 1] == '\n' && ++lines > 5)
-            break;
-    if (start < length && lastOnly)
-        cliTextPrintf(messages, TOOL ": the library's last messages:\n");
-    /* The lines quote what servers and files said. */
-    cliTextWriteEscaped(messages, text + start, length - start);
-}
-#endif
+static FILE* messages; /* the program's own messages: standard error */
 
 /* The error list is emptied when read, so a second, larger read is impossible: one buffer big
  * enough for any realistic list is the only way not to lose messages. */
@@ -612,7 +563,7 @@ static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint6
             cliTextPrintf(stdout, "\r%*s\r", progress->lineLength, "");
         fflush(stdout);
         progress->lineLength = 0;
-        showDebugLines(0);
+        cliLogShow(0);
     }
     if (progress->show && progress->terminal)
         drawProgressLine(progress);
@@ -653,7 +604,7 @@ static int32_t startProgress(dataExchangeLibraryImp* handle, Progress* progress,
 static int finishProgress(Progress* progress, int32_t result) {
     endProgressLine(progress);
     if (progress->verbose || (result != Success && result != BufferTooSmall))
-        showDebugLines(!progress->verbose);
+        cliLogShow(!progress->verbose);
     return progress->cancelled && result == DataHandlingFailed;
 }
 
@@ -888,7 +839,7 @@ int main(int argc, char** argv) {
         goto done;
     }
 
-    captureDebugLines();
+    cliLogStart(messages, verbose);
     handle = dataExchangeInit(NULL, sizeof errorText, errorText);
     if (handle == NULL) {
         cliTextPrintf(messages, TOOL ": the library could not be opened: %s\n", errorText);
@@ -934,6 +885,7 @@ int main(int argc, char** argv) {
             printFailure(handle, command, result);
     }
     dataExchangeClose(&handle);
+    cliLogEnd();
     status = cancelled ? ExitCancelled : kept ? ExitSpooled : exitStatusOf(result);
 
 done:

@@ -90,7 +90,8 @@ class ToolTest(unittest.TestCase):
                          "(.+\n){1,5}Attempt 1 of 3: The server stored nothing: .+ \\(not a "
                          "passing fault: not tried again\\)\n")
         self.assertEqual((plain.returncode, plain.stderr), (0, ""))
-        self.assertIn("Received answer \n", verbose.stderr)
+        self.assertIn("Received answer \n", verbose.stderr)  # and the unload's lines last:
+        self.assertRegex(verbose.stderr, "\n---Recursive: .+\n(---File Found: .+\n)*$")
 
     def test_what_the_server_says_reaches_the_terminal_escaped(self):
         tool, _ = site_beside_tool(self, "--answer", "upload=cal7\\x1b]0;x\\x07\\xc2\\x9b.zip")
