@@ -20,12 +20,17 @@ an item that still fails is kept and sent later:
     with dx.Handle(spool="/var/spool/cal") as handle:
         delivered, remaining = handle.send_spooled()
 
+The library's log lines go to logging.getLogger("dataexchange"): what it does at DEBUG, a file
+the zip writer could not pack at WARNING (use_logging(False) gives them back to standard error).
+
 Options are read and written by name; the C type comes from the library's own list of options.
 A non-zero result raises DataExchangeError with the result code and the error-list lines, except
 ValueCropped, which is reported as a ValueCroppedWarning (the clipped value is stored).
 """
+import atexit
 import ctypes
 import enum
+import logging
 import operator
 import os
 import sys
@@ -35,10 +40,13 @@ from typing import List, NamedTuple, Optional, Tuple
 __all__ = ["ENVIRONMENT_VARIABLE", "Result", "OptionType", "ValueKind", "Location", "DataType",
            "Stage",
            "READABLE", "WRITABLE", "DataExchangeError", "ValueCroppedWarning", "Option",
-           "Delivery", "Spooled", "load", "version", "sha1", "Handle"]
+           "Delivery", "Spooled", "LOGGER", "load", "use_logging", "version", "sha1", "Handle"]
 
 #: Path of the shared library, used when no path is given to load() or Handle().
 ENVIRONMENT_VARIABLE = "DATAEXCHANGE_LIBRARY"
+
+#: Takes the library's log lines (see use_logging).
+LOGGER = logging.getLogger("dataexchange")
 
 
 class Result(enum.IntEnum):
@@ -150,6 +158,7 @@ _CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_ch
                              ctypes.c_uint32, ctypes.c_uint32, ctypes.c_void_p)
 _PROGRESS = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_uint32, ctypes.c_uint64, ctypes.c_uint64,
                              ctypes.c_void_p)
+_LOG = ctypes.CFUNCTYPE(None, ctypes.c_uint32, ctypes.c_char_p, ctypes.c_void_p)
 _NUMBERS = {OptionType.Int32: (ctypes.c_int32, -2**31, 2**31 - 1),
             OptionType.Uint32: (ctypes.c_uint32, 0, 2**32 - 1),
             OptionType.Uint64: (ctypes.c_uint64, 0, 2**64 - 1)}
@@ -183,6 +192,7 @@ def _declare(lib):
         "SetSpoolFolder": [vp, text],
         "SendSpooled": [vp, ctypes.POINTER(ctypes.c_uint32), ctypes.POINTER(ctypes.c_uint32)],
         "ListSpooled": [vp, size, out],
+        "SetLogCallback": [_LOG, vp],
     }
     for kind, (ctype, _, _) in _NUMBERS.items():
         prototypes["Get%sOption" % kind.name] = [vp, text, ctypes.c_uint32, ctypes.POINTER(ctype)]
@@ -191,6 +201,26 @@ def _declare(lib):
         function = getattr(lib, "dataExchange" + name)
         function.restype = ctypes.c_int32
         function.argtypes = argtypes
+
+
+def _log_line(level, line, _context):
+    # Called on the library's threads too; nothing may propagate into the library.
+    try:
+        LOGGER.log(logging.WARNING if level == 1 else logging.DEBUG, "%s",
+                   line.decode("utf-8", "backslashreplace"))
+    except Exception:  # pylint: disable=broad-except
+        pass
+
+
+# Alive as long as the module: the library may call it from any thread until it is unset.
+_log_relay = _LOG(_log_line)
+
+
+def use_logging(enabled: bool = True, library=None) -> None:
+    """Sends the library's log lines to LOGGER (the default once it is loaded), or with False
+    back to the library's own output (standard error; the debugger's on Windows)."""
+    lib = library if isinstance(library, ctypes.CDLL) else load(library)
+    lib.dataExchangeSetLogCallback(_log_relay if enabled else _LOG(), None)  # _LOG(): NULL
 
 
 def _system_name():
@@ -209,6 +239,9 @@ def load(path=None, qt_dir=None) -> ctypes.CDLL:
         lib = ctypes.CDLL(path)
         _declare(lib)
         _loaded[path] = lib
+        use_logging(True, lib)
+        # The library writes lines until it unloads, after the interpreter is gone.
+        atexit.register(use_logging, False, lib)
     return _loaded[path]
 
 
@@ -242,10 +275,13 @@ class Handle:
     pack a folder (see set_packing_threads), one per core unless given. unicode_paths: paths
     of any characters (see set_unicode_paths), on unless False is given. retries: attempts
     after the first for a passing fault of the server (see set_retries), 2 unless given. spool:
-    a folder that keeps what still fails (see set_spool_folder), none unless given."""
+    a folder that keeps what still fails (see set_spool_folder), none unless given.
+    remove_package: each upload removes its packed copy when it returns (see
+    set_remove_package) unless False is given, so that a long-running script leaves no copies
+    behind and no cleanup is left for the library's unload, when no logging takes its lines."""
 
     def __init__(self, library=None, *, qt_dir=None, verified=True, threads=0,
-                 unicode_paths=True, retries=2, spool=None):
+                 unicode_paths=True, retries=2, spool=None, remove_package=True):
         self._lib = library if isinstance(library, ctypes.CDLL) else load(library, qt_dir)
         message = ctypes.create_string_buffer(1024)
         self._handle = ctypes.c_void_p(self._lib.dataExchangeInit(None, len(message), message))
@@ -260,6 +296,7 @@ class Handle:
         self.set_packing_threads(threads)
         self.set_unicode_paths(unicode_paths)
         self.set_retries(retries)
+        self.set_remove_package(remove_package)
         if spool is not None:
             self.set_spool_folder(spool)
 

@@ -1,6 +1,7 @@
 """The Python binding: test_dataexchange.py LIBRARY SHARE_ROOT SITE_SCRIPT [unittest arguments]"""
 import os
 import shutil
+import subprocess
 import sys
 import tempfile
 import unittest
@@ -8,7 +9,33 @@ import unittest
 import dataexchange as dx
 
 
+# A program that logs to its standard output and uploads the folder it is given, keeping the
+# packed copy for the library's unload when asked to.
+LOGGING_HOST = """import logging, sys, dataexchange as dx
+logging.basicConfig(stream=sys.stdout, level=logging.DEBUG, format="%(levelname)s %(message)s")
+handle = dx.Handle(remove_package=sys.argv[2] == "remove")
+handle["Device type"], handle["Data type"], handle["Location"] = 0, 5, 1
+try:
+    handle.upload(sys.argv[1])
+except dx.DataExchangeError:
+    pass  # no share for these data: the lines are what counts
+"""
+
+
 class BindingTest(unittest.TestCase):
+    def test_log_lines_go_to_logging_and_none_to_stderr(self):
+        folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, folder)
+        shutil.copy(__file__, folder)
+        for package, stderr in [("remove", "^$"),  # and the library's unload has nothing to do
+                                ("keep", "^---Recursive: .+\n(---File Found: .+\n)*$")]:
+            host = subprocess.run([sys.executable, "-c", LOGGING_HOST, folder, package],
+                                  capture_output=True, encoding="utf-8")
+            self.assertEqual(host.returncode, 0)  # the library unloads after the interpreter
+            self.assertRegex(host.stderr, stderr)
+            self.assertRegex(host.stdout, "^DEBUG Adding file test_dataexchange.py\n" + (
+                "(.+\n)*DEBUG ---Recursive: " if package == "remove" else ""))
+
     def test_options_cross_with_their_c_types(self):
         handle = dx.Handle()  # loaded through the environment variable, set below
         user = "Zoë Ångström " * 400  # far beyond the getter's first buffer
