@@ -4,6 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
+namespace {
+
+std::string errors(dataExchangeLibraryImp* handle) {
+    char text[256] = "";
+    dataExchangeGetLastErrors(handle, sizeof text, text);
+    return text;
+}
+
+} // namespace
+
 TEST(UploadArguments, RefusedWithResultAndMessage) {
     EXPECT_EQ(dataExchangeSetProgressCallback(nullptr, nullptr, nullptr), InvalidArgument);
     EXPECT_EQ(dataExchangeSetStallTimeout(nullptr, 1), InvalidArgument);
@@ -36,60 +48,43 @@ TEST(UploadArguments, RefusedWithResultAndMessage) {
         if (c.device >= 0)
             dataExchangeSetInt32Option(handle, "Device type", c.device);
         EXPECT_EQ(dataExchangeUploadData(handle, c.path, c.size, c.buffer, &used), c.result);
-        char errors[256] = "";
-        dataExchangeGetLastErrors(handle, sizeof errors, errors);
-        EXPECT_STREQ(errors, c.errors);
+        EXPECT_EQ(errors(handle), c.errors);
         dataExchangeClose(&handle);
     }
 }
 
-// The switches take 0 or 1; the stored name is "" until an upload got an answer.
-TEST(UploadArguments, SwitchesAndStoredName) {
-    dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
-    using Switch = int32_t(DATAEXCHANGE_CALL*)(dataExchangeLibraryImp*, uint32_t);
+// The switches take 0 or 1 and refuse more; packing threads go from 0 (one per core) to 32 and
+// retries up to 20, more are cropped; each with a message. The stored name is "" until an upload
+// got an answer.
+TEST(UploadArguments, BoundedSettingsAndStoredName) {
+    using Set = int32_t(DATAEXCHANGE_CALL*)(dataExchangeLibraryImp*, uint32_t);
     const struct {
-        Switch set;
-        const char* refusal;
-    } switches[] = {
-        {dataExchangeSetVerifiedDelivery, "Verified delivery is 0 (off) or 1 (on), not 2\n"},
-        {dataExchangeSetUnicodePaths, "Unicode paths are 0 (off) or 1 (on), not 2\n"},
+        Set set;
+        uint32_t largest;
+        int32_t beyond;
+        const char* message;
+    } settings[] = {
+        {dataExchangeSetVerifiedDelivery, 1, InvalidArgument,
+         "Verified delivery is 0 (off) or 1 (on), not 2\n"},
+        {dataExchangeSetUnicodePaths, 1, InvalidArgument,
+         "Unicode paths are 0 (off) or 1 (on), not 2\n"},
+        {dataExchangeSetPackingThreads, 32, ValueCropped,
+         "Packing threads are at most 32; 33 was cropped\n"},
+        {[](dataExchangeLibraryImp* h, uint32_t n) { return dataExchangeSetRetries(h, n, 0); }, 20,
+         ValueCropped, "Retries are at most 20; 21 was cropped\n"},
     };
-    char text[64];
-    for (const auto& s : switches) {
+    dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
+    for (const auto& s : settings) {
         EXPECT_EQ(s.set(nullptr, 1), InvalidArgument);
-        EXPECT_EQ(s.set(handle, 1), Success);
-        EXPECT_EQ(s.set(handle, 2), InvalidArgument);
-        dataExchangeGetLastErrors(handle, sizeof text, text);
-        EXPECT_STREQ(text, s.refusal);
+        EXPECT_EQ(s.set(handle, 0), Success);
+        EXPECT_EQ(s.set(handle, s.largest), Success);
+        EXPECT_EQ(s.set(handle, s.largest + 1), s.beyond);
+        EXPECT_EQ(errors(handle), s.message);
     }
+    char text[64];
     EXPECT_EQ(dataExchangeGetStoredName(handle, 8, nullptr), InvalidArgument);
     EXPECT_EQ(dataExchangeGetStoredName(handle, sizeof text, text), Success);
     EXPECT_STREQ(text, "");
-    dataExchangeClose(&handle);
-}
-
-// Packing threads: 0 (one per core) to 32, retries: up to 20; more are cropped, with a message.
-TEST(UploadArguments, CroppedCounts) {
-    using SetCount = int32_t(DATAEXCHANGE_CALL*)(dataExchangeLibraryImp*, uint32_t);
-    const struct {
-        SetCount set;
-        uint32_t largest;
-        const char* cropped;
-    } counts[] = {
-        {dataExchangeSetPackingThreads, 32, "Packing threads are at most 32; 33 was cropped\n"},
-        {[](dataExchangeLibraryImp* h, uint32_t n) { return dataExchangeSetRetries(h, n, 0); }, 20,
-         "Retries are at most 20; 21 was cropped\n"},
-    };
-    dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
-    for (const auto& c : counts) {
-        EXPECT_EQ(c.set(nullptr, 2), InvalidArgument);
-        EXPECT_EQ(c.set(handle, 0), Success);
-        EXPECT_EQ(c.set(handle, c.largest), Success);
-        EXPECT_EQ(c.set(handle, c.largest + 1), ValueCropped);
-        char text[64] = "";
-        dataExchangeGetLastErrors(handle, sizeof text, text);
-        EXPECT_STREQ(text, c.cropped);
-    }
     dataExchangeClose(&handle);
 }
 
@@ -104,13 +99,10 @@ TEST(UploadArguments, SpoolWithoutFolder) {
     EXPECT_EQ(dataExchangeListSpooled(handle, 8, nullptr), InvalidArgument);
     EXPECT_EQ(dataExchangeSetSpoolFolder(handle, "x"), Success);
     EXPECT_EQ(dataExchangeSetSpoolFolder(handle, nullptr), Success); // no spool again
-    char text[64] = "";
     EXPECT_EQ(dataExchangeSendSpooled(handle, &delivered, &remaining), InvalidArgument);
-    dataExchangeGetLastErrors(handle, sizeof text, text);
-    EXPECT_STREQ(text, "No spool folder set\n");
+    EXPECT_EQ(errors(handle), "No spool folder set\n");
     EXPECT_EQ(delivered + remaining, 0u);
     EXPECT_EQ(dataExchangeListSpooled(handle, sizeof list, list), InvalidArgument);
-    dataExchangeGetLastErrors(handle, sizeof text, text);
-    EXPECT_STREQ(text, "No spool folder set\n");
+    EXPECT_EQ(errors(handle), "No spool folder set\n");
     dataExchangeClose(&handle);
 }
