@@ -117,52 +117,34 @@ class ToolTest(unittest.TestCase):
 
 class RetriesAndSpoolTest(unittest.TestCase):
     def test_rows_in_order_against_a_site_busy_five_times(self):
-        tool, config = site_beside_tool(self, "--fault", "upload=busy:5")  # 503, Retry-After: 1
+        tool, config = site_beside_tool(self, "--fault", "upload=busy:5")
         work = pathlib.Path(tempfile.mkdtemp(prefix="dxSpool"))
         self.addCleanup(shutil.rmtree, work)
-        spool, home, own = work / "spool", work / "home", work / "state/dataExchange/spool"
-        xdg, no_xdg = {"XDG_STATE_HOME": str(work / "state")}, {"HOME": str(home)}
-        upload = ["--device-type=0", "--data-type=0", "--location=2", __file__]
-        # Stdout without the progress lines of other stages; stderr's end. SPOOL, OWN and HOME
-        # stand for the folders, ITEM for an item's name, BUSY for the 503 the site answers.
-        kept = ("BUSY\nThe packed item is kept in the spool as 'SPOOL/ITEM'\n" + TOOL_NAME +
-                ": not delivered yet; --send-spooled with the same spool sends it later\n")
-        listed = ("Spool: SPOOL\nITEM  precalibration_test_dataexchange_upload\\.py\n"
-                  "    to the server, %s so far\n    last cause: BUSY\nItems in the spool: 1\n")
-        sent = "Spool: SPOOL\nDelivered from the spool: %d\nRemaining in the spool: %d\n"
-        rows = [  # environment, arguments, exit status, stdout, stderr
-            (xdg, ["--retries", "0", "--spool", *upload], 11, "", kept.replace("SPOOL", "OWN")),
-            ({}, ["--retries", "0", "--spool=SPOOL", *upload], 11, "", kept),
-            ({}, ["--retries", "0", "--spool=SPOOL", "--send-spooled"], 9, sent % (0, 1),
-             "Spooled item 'ITEM': BUSY\n"),
-            ({}, ["--retries", "0", *upload], 9, "", "BUSY\nThe packed item stays at '.+'\n"),
-            ({}, upload, 0, "Progress: retry wait 0/(\\d+)\n(?:Progress: retry wait \\d+/\\1\n)*"
-             "Progress: retry wait \\1/\\1\nDelivered as: precalibration_test_dataexchange_upload"
-             "\\.py\nDestination: server\n", ""),
-            ({}, ["--spool=SPOOL", "--list-spooled"], 0, listed % "2 attempts", ""),
-            ({}, ["--spool=SPOOL", "--send-spooled"], 0, sent % (1, 0), ""),
-            (no_xdg, ["--send-spooled"], 0, (sent % (0, 0)).replace("SPOOL", "HOME"), ""),
-            (xdg, ["--list-spooled"], 0, (listed % "1 attempt").replace("SPOOL", "OWN"), ""),
-            (xdg, ["--send-spooled"], 0, (sent % (1, 0)).replace("SPOOL", "OWN"), ""),
-        ]
+        spool, own = work / "spool", work / "state/dataExchange/spool"
+        environments = {"-": {}, "xdg": {"XDG_STATE_HOME": str(work / "state")},
+                        "home": {"HOME": str(work / "home")}}
         words = {"SPOOL": re.escape(str(spool)), "OWN": re.escape(str(own)),
-                 "HOME": re.escape(str(home / ".local/state/dataExchange/spool")),
+                 "HOME": re.escape(str(work / "home/.local/state/dataExchange/spool")),
                  "ITEM": r"\d{8}-\d{9}-[0-9a-f]{8}",
                  "BUSY": r"http://[\d.:]+/uploadFile\.php answered 503 Service Unavailable"}
         environment = {k: v for k, v in os.environ.items() if k != "XDG_STATE_HOME"}
-        for env, args, status, stdout, stderr in rows:
+        rows = data("upload-tool-spool.txt").splitlines()
+        for env, args, status, *patterns in (map(str.strip, r.split("|")) for r in rows
+                                             if r[:1] != "#"):
             with self.subTest(args=args):
-                done = subprocess.run([tool, *(a.replace("SPOOL", str(spool)) for a in args)],
-                                      capture_output=True, encoding="utf-8",
-                                      env=dict(environment, **env))
+                args = [a.replace("SPOOL", str(spool)).replace("FILE", __file__)
+                        for a in shlex.split(args)]
+                done = subprocess.run([tool, *args], capture_output=True,
+                                      encoding="utf-8", env=dict(environment, **environments[env]))
                 out = re.sub(r"(?m)^Progress: (?!retry wait).*\n", "", done.stdout)
                 stdout, stderr = (re.sub("|".join(words), lambda m: words[m[0]], pattern)
-                                  for pattern in (stdout, stderr))
-                self.assertEqual(done.returncode, status, done.stderr)
+                                  for pattern in patterns)
+                self.assertEqual(done.returncode, int(status), done.stderr)
                 self.assertRegex(out, "^%s$" % stdout)
                 self.assertRegex(done.stderr, "%s%s$" % ("" if stderr else "^", stderr))
         self.assertEqual((os.listdir(spool), os.listdir(own)), ([], []))
         self.assertEqual(len(os.listdir(config.parent / "storage")), 3)  # rows 5, 7 and 10
+
 
 if __name__ == "__main__":
     TOOL, SHARE_ROOT = sys.argv[1], sys.argv[2]
