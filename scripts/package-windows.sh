@@ -36,10 +36,10 @@ cleanup() {
 trap cleanup EXIT
 unzip -q "$zip" -d "$work"
 package="$work/$(basename "$zip" .zip)"
-for file in bin/dataExchange.dll bin/dataexchange-upload.exe include/dataExchange.h \
-    include/dataExchangeExt.h lib/dataExchange.lib lib/libdataExchange.dll.a lib/dataExchange.def \
-    docs/api.md licenses/qtbase licenses/openssl licenses/quazip licenses/zlib \
-    licenses/gcc-runtime licenses/winpthreads; do
+for file in bin/dataExchange.dll bin/dataexchange-upload.exe bin/DataExchange.Net.dll \
+    bin/DataExchange.Net.xml include/dataExchange.h include/dataExchangeExt.h lib/dataExchange.lib \
+    lib/libdataExchange.dll.a lib/dataExchange.def docs/api.md licenses/qtbase licenses/openssl \
+    licenses/quazip licenses/zlib licenses/gcc-runtime licenses/winpthreads; do
     [ -e "$package/$file" ] || fail "the zip holds no $file"
 done
 echo "unpacked into $package"
@@ -50,9 +50,14 @@ step "imports of bin/"
 # own, Windows has not.
 windows_dlls=" advapi32 crypt32 dnsapi iphlpapi kernel32 mpr msvcrt netapi32 ole32 shell32 "
 windows_dlls+="user32 userenv version winmm ws2_32 "
-shipped=$(cd "$package/bin" && printf '%s\n' *.dll *.exe | tr '[:upper:]' '[:lower:]')
-imported=$(for file in "$package"/bin/*.dll "$package"/bin/*.exe; do
-    x86_64-w64-mingw32-objdump -p "$file" | sed -n 's/^\s*DLL Name: //p'
+# The .NET binding is a managed assembly: no native file imports it, and it loads dataExchange.dll
+# by P/Invoke only.
+file -b "$package/bin/DataExchange.Net.dll" | grep -q 'Mono/.Net assembly' ||
+    fail "bin/DataExchange.Net.dll is no .NET assembly"
+native=$(cd "$package/bin" && printf '%s\n' *.dll *.exe | grep -vxF DataExchange.Net.dll)
+shipped=$(tr '[:upper:]' '[:lower:]' <<<"$native")
+imported=$(for name in $native; do
+    x86_64-w64-mingw32-objdump -p "$package/bin/$name" | sed -n 's/^\s*DLL Name: //p'
 done | tr '[:upper:]' '[:lower:]' | sort -u)
 from_windows=""
 for dll in $imported; do
