@@ -2,6 +2,7 @@
 #include "dataExchange.h"
 
 #include <QFile>
+#include <QRegularExpression>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -60,11 +61,9 @@ TEST_F(OptionExports, ResultsValuesAndMessages) {
     ASSERT_TRUE(file.open(QIODevice::ReadOnly | QIODevice::Text));
     int rows = 0;
     for (const QString& line : QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts)) {
-        QStringList f = line.split('|');
-        for (QString& field : f)
-            field = field.trimmed();
         if (line.startsWith('#'))
             continue;
+        const QStringList f = line.trimmed().split(QRegularExpression("\\s*\\|\\s*"));
         ASSERT_EQ(f.size(), 7) << line.toStdString();
         dataExchangeSetInt32Option(handle, "nothing", 0); // a message the call must empty
         const QByteArray name = f[2].toUtf8();
