@@ -114,22 +114,17 @@ Outcome UploadFixture::runHost(const QString& source, const QStringList& options
     const QString output = QString::fromUtf8(process.readAllStandardOutput());
     // The error list comes last and keeps its own line feeds.
     outcome.errors = output.section("\nerrors=", 1);
-    for (const QString& line : output.section("\nerrors=", 0, 0).split('\n')) {
-        const QString key = line.section('=', 0, 0), value = line.section('=', 1);
-        const QStringList n = value.split(' ');
-        if (key == "result")
-            outcome.result = value.toInt();
-        else if (key == "name")
-            outcome.name = value;
-        else if (key == "stored")
-            outcome.stored = value;
-        else if (key == "location")
-            outcome.location = value.toUInt();
-        else if (key == "progress")
-            outcome.progress.push_back(
-                {n[0].toULongLong(), n[1].toULongLong(), n[2].toULongLong()});
-        else if (!key.isEmpty())
-            outcome.values[key] += (outcome.values.contains(key) ? "\n" : "") + value;
+    for (const QString& line : output.section("\nerrors=", 0, 0).split('\n', Qt::SkipEmptyParts)) {
+        const QString key = line.section('=', 0, 0);
+        outcome.values[key] += (outcome.values.contains(key) ? "\n" : "") + line.section('=', 1);
+    }
+    outcome.result = outcome.values.value("result", "-999").toInt();
+    outcome.name = outcome.values["name"];
+    outcome.stored = outcome.values["stored"];
+    outcome.location = outcome.values["location"].toUInt();
+    for (const QString& line : outcome.values["progress"].split('\n', Qt::SkipEmptyParts)) {
+        const QStringList n = line.split(' ');
+        outcome.progress.push_back({n[0].toULongLong(), n[1].toULongLong(), n[2].toULongLong()});
     }
     return outcome;
 }

@@ -37,7 +37,7 @@ struct Outcome {
     uint32_t location = 0;
     QString errors;
     std::vector<std::array<quint64, 3>> progress; // stage, done, total of each callback
-    QMap<QString, QString> values;                // every other key=value line; "spooled" joined
+    QMap<QString, QString> values;                // every key=value line; repeated keys joined
 };
 
 Outcome upload(dataExchangeLibraryImp* handle, const QString& path);
