@@ -87,6 +87,26 @@ dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads) 
     return ValueCropped;
 }
 
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetCompression(
+    dataExchangeLibraryImp* handle, uint32_t level, uint32_t storeIncompressible) {
+    if (handle != nullptr && storeIncompressible > 1) {
+        handle->clearErrors();
+        handle->appendError("Storing what does not shrink is 0 (off) or 1 (on), not " +
+                            std::to_string(storeIncompressible));
+        return InvalidArgument;
+    }
+    const uint32_t kept = std::min<uint32_t>(level, DATAEXCHANGE_MAX_COMPRESSION_LEVEL);
+    const int32_t result = setExtension(handle, [&](Extensions& e) {
+        e.compressionLevel = int32_t(kept);
+        e.storeIncompressible = storeIncompressible == 1;
+    });
+    if (result != Success || kept == level)
+        return result;
+    handle->appendError("Compression level is at most " + std::to_string(kept) + "; " +
+                        std::to_string(level) + " was cropped");
+    return ValueCropped;
+}
+
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
 dataExchangeSetUnicodePaths(dataExchangeLibraryImp* handle, uint32_t enable) {
     return setSwitch(handle, "Unicode paths are", enable, &Extensions::unicodePaths);

@@ -83,6 +83,8 @@ struct dataExchangeLibraryImp {
         bool useConfiguredProxy = false;
         bool verifiedDelivery = false;
         uint32_t packingThreads = 1;
+        int32_t compressionLevel = -1; // zlib's default level: the archive as it always was
+        bool storeIncompressible = false;
         bool unicodePaths = false;
         uint32_t retries = 0;
         uint32_t retryDelayMilliseconds = 1000;

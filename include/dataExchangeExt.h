@@ -1,8 +1,8 @@
 /*
  * dataExchange extensions: progress and cancel, a stall timeout, removal of the packed item, the
- * proxy of config.xml, verified delivery, packing on several threads, Unicode paths, retries, a
- * spool and a log callback. Each is opt-in, per handle but for the process-wide log callback; a
- * library whose extensions are never called behaves exactly as one without them.
+ * proxy of config.xml, verified delivery, packing on several threads, the compression, Unicode
+ * paths, retries, a spool and a log callback. Each is opt-in, per handle but for the process-wide
+ * log callback; a library whose extensions are never called behaves exactly as one without them.
  *
  *     static int32_t onProgress(uint32_t stage, uint64_t done, uint64_t total, void* context) {
  *         printf("stage %u: %llu of %llu\n", stage, (unsigned long long)done,
@@ -109,6 +109,24 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeGetStoredName(dataExchang
 #define DATAEXCHANGE_MAX_PACKING_THREADS 32
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
 dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads);
+
+/* dataExchangeSetCompression() : how a folder's files are compressed. Never called, every file
+ * is deflated at zlib's default level (6), as always. level 1 (fastest) to 9 (smallest) deflates
+ * at that level; 0 stores every file as it is (method 0). storeIncompressible 1: a file whose
+ * first 128 KiB deflate at the level leaves above 97 % of their size (random bytes, compressed
+ * images, packed recordings) is stored instead, the rest deflated at the level. The decision is
+ * the file's own, so a file split among threads is stored or deflated as a whole, and at every
+ * level, storing or not, the archive is byte for byte the same at every thread count.
+ * Once called, the archive is also readable by Info-ZIP's unzip 6.0 where QuaZip marks an entry
+ * of 4 GiB or more with a non-ASCII name as needing version 6.3: that field becomes 4.5. Level 6
+ * without storing is otherwise the default's archive.
+ * @return Success; ValueCropped when level is over 9, with 9 kept and "Compression level is at
+ * most 9; <level> was cropped"; InvalidArgument for a NULL handle, or for storeIncompressible
+ * other than 0 and 1 with "Storing what does not shrink is 0 (off) or 1 (on), not <value>", the
+ * setting unchanged. */
+#define DATAEXCHANGE_MAX_COMPRESSION_LEVEL 9
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetCompression(
+    dataExchangeLibraryImp* handle, uint32_t level, uint32_t storeIncompressible);
 
 /* dataExchangeSetUnicodePaths() : 0 (the default) takes the path of dataExchangeUploadData as
  * the system's narrow file functions do: on Windows in the ANSI code page, where a name outside

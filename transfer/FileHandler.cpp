@@ -5,6 +5,7 @@
 #include "api/dataExchangeLibraryImp.h"
 #include "options/OptionCatalogue.h"
 #include "transfer/ParallelPacker.h"
+#include "transfer/ZipVersionNeeded.h"
 #include "transfer/ZipWarning.h"
 
 #include <QDateTime>
@@ -173,7 +174,8 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
     // QuaZip's defaults add zip64 records on demand, so archives over 4 GiB and folders of more
     // than 65,535 files stay readable; keep them. Names are flagged as UTF-8 when one of them is
     // not ASCII, so that other readers show it as it is; only then, since with the flag QuaZip
-    // marks a zip64 entry as needing version 6.3, which Info-ZIP's unzip refuses.
+    // marks a zip64 entry as needing version 6.3, which Info-ZIP's unzip refuses (lowered below
+    // when the host chose a compression).
     QuaZip zip(&zipFile);
     zip.setUtf8Enabled(hasNonAsciiName(folder));
     if (!zip.open(QuaZip::mdCreate, nullptr)) {
@@ -182,18 +184,58 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
     }
     const QDir dir(folder);
     const QStringList names = dir.entryList(listing, QDir::NoSort);
+    const Compression compression = _compression();
     const unsigned threads = ParallelPacker::threadsFor(extensions.packingThreads);
-    if (threads > 1)
-        return _zipInParallel(zip, zipFile, ParallelPacker(dir, names, threads), archiveName);
+    const bool packed =
+        threads > 1 ? _zipInParallel(zip, zipFile, ParallelPacker(dir, names, threads, compression),
+                                     archiveName)
+                    : _zipOnThisThread(zip, zipFile, dir, names, compression, archiveName);
+    if (!packed || !compression.chosen() || !zip.isUtf8Enabled())
+        return packed;
+    // Only a host that chose the compression gets the field lowered: by default the archive
+    // stays what it always was, byte for byte.
+    if (lowerVersionNeeded(packedPath))
+        return true;
+    zipWarning("Couldn't write %s", archiveName.constData());
+    return false;
+}
+
+Compression FileHandler::_compression() const {
+    Compression compression;
+    compression.level = extensions.compressionLevel;
+    compression.storeIncompressible = extensions.storeIncompressible;
+    return compression;
+}
+
+bool FileHandler::_zipOnThisThread(QuaZip& zip, QFile& zipFile, const QDir& dir,
+                                   const QStringList& names, const Compression& compression,
+                                   const QByteArray& archiveName) {
+    std::unique_ptr<DeflateStream> judge;
+    if (compression.judgesFiles())
+        judge = std::make_unique<DeflateStream>(compression.level);
+    std::vector<char> buffer(64 * 1024);
     quint64 packed = 0;
     for (const QString& name : names) {
         QuaZipFile entry(&zip);
         const QString filePath = dir.filePath(name);
         const bool isFolder = QFileInfo(filePath).isDir();
         const QByteArray utf8Name = name.toUtf8();
+        const QByteArray utf8Path = filePath.toUtf8();
+        QFile input(filePath);
+        // A judged file's first bytes are read before its entry opens: they decide its method.
+        QByteArray sample;
+        if (judge && !isFolder) {
+            if (!input.open(QIODevice::ReadOnly)) {
+                zipWarning("Couldn't open %s", utf8Path.constData());
+                return false;
+            }
+            sample = input.read(Compression::sampleSize);
+        }
+        const bool stored = !isFolder && compression.stores(judge ? &judge->stream : nullptr,
+                                                            sample.constData(), sample.size());
         if (!entry.open(QIODevice::WriteOnly, QuaZipNewInfo(name, filePath), nullptr, 0,
-                        isFolder ? 0 : Z_DEFLATED, Z_DEFAULT_COMPRESSION, false, -MAX_WBITS, 8,
-                        Z_DEFAULT_STRATEGY)) {
+                        isFolder ? 0 : compression.method(stored), compression.entryLevel(stored),
+                        false, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY)) {
             zipWarning("Couldn't open %s in %s", utf8Name.constData(), archiveName.constData());
             return false;
         }
@@ -202,26 +244,28 @@ bool FileHandler::_zipFolder(const QString& folder, QString& packedPath) {
             return false;
         }
         debugPrint("Adding file %s", utf8Name.constData());
-        const QByteArray utf8Path = filePath.toUtf8();
-        QFile input(filePath);
-        if (!input.open(QIODevice::ReadOnly)) {
+        if (!input.isOpen() && !input.open(QIODevice::ReadOnly)) {
             zipWarning("Couldn't open %s", utf8Path.constData());
             return false;
         }
-        while (!input.atEnd()) {
-            char buffer[4096];
-            const qint64 read = input.read(buffer, sizeof buffer);
-            if (read <= 0) {
-                zipWarning("Couldn't read %s", utf8Path.constData());
-                return false;
-            }
-            if (entry.write(buffer, read) < read) {
+        const auto write = [&](const char* data, qint64 size) {
+            if (entry.write(data, size) < size) {
                 zipWarning("Couldn't write to %s in %s", utf8Path.constData(),
                            archiveName.constData());
                 return false;
             }
-            packed += quint64(read);
-            if (!progress.update(StagePacking, packed, packingTotal))
+            packed += quint64(size);
+            return progress.update(StagePacking, packed, packingTotal);
+        };
+        if (!sample.isEmpty() && !write(sample.constData(), sample.size()))
+            return false;
+        while (!input.atEnd()) {
+            const qint64 read = input.read(buffer.data(), qint64(buffer.size()));
+            if (read <= 0) {
+                zipWarning("Couldn't read %s", utf8Path.constData());
+                return false;
+            }
+            if (!write(buffer.data(), read))
                 return false;
         }
         input.close();

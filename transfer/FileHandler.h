@@ -4,9 +4,11 @@
 
 #include "api/dataExchangeLibraryImp.h"
 #include "server/RequestControl.h"
+#include "transfer/Compression.h"
 #include "transfer/ProgressReporter.h"
 #include "transfer/UploadPaths.h"
 
+#include <QDir>
 #include <QFile>
 #include <QHash>
 #include <QObject>
@@ -74,6 +76,9 @@ private:
     bool _verifySource(const QString& source);
     bool _packData(const QString& source, QString& packedPath);
     bool _zipFolder(const QString& folder, QString& packedPath);
+    Compression _compression() const;
+    bool _zipOnThisThread(QuaZip& zip, QFile& zipFile, const QDir& dir, const QStringList& names,
+                          const Compression& compression, const QByteArray& archiveName);
     bool _zipInParallel(QuaZip& zip, QFile& zipFile, ParallelPacker&& packer,
                         const QByteArray& archiveName);
     bool _performUpload(const QString& packedPath, const dataExchangeLocation& location);

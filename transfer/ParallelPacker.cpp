@@ -17,8 +17,8 @@ namespace measurement::dataExchange {
 
 namespace {
 
-// The single-threaded path's deflate settings: the same settings give the same bytes.
-constexpr int level = Z_DEFAULT_COMPRESSION;
+// The single-threaded path's deflate settings (its level comes with the compression): the same
+// settings give the same bytes.
 constexpr int memoryLevel = 8;
 // What a worker reads and deflates at a time, and the unit of output kept or spilled.
 constexpr qint64 chunkSize = 64 * 1024;
@@ -54,7 +54,7 @@ qint64 readFully(QFile& file, char* data, qint64 size) {
 
 // One worker's deflate state and buffers, reused from piece to piece.
 struct ParallelPacker::Deflater {
-    Deflater() {
+    explicit Deflater(int level) {
         ready = deflateInit2(&stream, level, Z_DEFLATED, -MAX_WBITS, memoryLevel,
                              Z_DEFAULT_STRATEGY) == Z_OK;
     }
@@ -77,8 +77,9 @@ unsigned ParallelPacker::threadsFor(uint32_t setting) {
     return std::min(setting, maximumThreads);
 }
 
-ParallelPacker::ParallelPacker(const QDir& folder, const QStringList& names, unsigned threads)
-    : folder(folder), names(names), threadCount(threads),
+ParallelPacker::ParallelPacker(const QDir& folder, const QStringList& names, unsigned threads,
+                               const Compression& compression)
+    : folder(folder), names(names), threadCount(threads), compression(compression),
       lookahead(std::max(leastLookahead, lookaheadPerThread * threads)) {
     _plan();
 }
@@ -112,12 +113,31 @@ void ParallelPacker::_plan() {
             add(Kind::Whole, entry, 0, -1);
             continue;
         }
+        // A file to split is judged here, once: stored, it is one piece, since storing it takes
+        // no deflating to share.
+        if (_storedWhole(entry)) {
+            add(Kind::Whole, entry, 0, -1);
+            pieces.back().judged = pieces.back().stored = true;
+            continue;
+        }
         for (qint64 offset = 0; offset < size; offset += checksumSize)
             add(Kind::Checksum, entry, offset, std::min(checksumSize, size - offset));
         for (qint64 offset = 0; offset < size; offset += blockSize)
             add(Kind::Block, entry, offset, std::min(blockSize, size - offset));
         pieces.back().last = true; // planned, so that a file that grows still gets its end
     }
+}
+
+bool ParallelPacker::_storedWhole(int entry) {
+    if (compression.level == 0)
+        return true;
+    if (!compression.judgesFiles())
+        return false;
+    QFile file(folder.filePath(names[entry]));
+    DeflateStream judge(compression.level);
+    const QByteArray sample =
+        file.open(QIODevice::ReadOnly) ? file.read(Compression::sampleSize) : QByteArray();
+    return judge.ready && compression.stores(&judge.stream, sample.constData(), sample.size());
 }
 
 bool ParallelPacker::pack(QuaZip& zip, const QString& archivePath, const QByteArray& name,
@@ -168,7 +188,7 @@ bool ParallelPacker::_takePiece(size_t& index) {
 }
 
 void ParallelPacker::_work() {
-    Deflater deflater;
+    Deflater deflater(compression.level);
     QFile file; // kept open while the pieces come from the same file
     int openEntry = -1;
     size_t index = 0;
@@ -228,6 +248,20 @@ ParallelPacker::Failure ParallelPacker::_deflate(Piece& piece, Deflater& deflate
                       piece.last ? Z_FINISH : Z_SYNC_FLUSH, spill)
                    ? Failure::None
                    : Failure::Spill;
+    }
+    if (!piece.judged) {
+        // The file's first bytes decide, as on one thread; deflated, they are its first input.
+        const qint64 sampled =
+            compression.judgesFiles() ? readFully(file, data, Compression::sampleSize) : 0;
+        piece.judged = true;
+        piece.stored = compression.stores(&deflater.stream, data, sampled);
+        if (piece.stored)
+            return Failure::None; // the writer copies it
+        crc = crc32(crc, reinterpret_cast<Bytef*>(data), uInt(sampled));
+        piece.size += sampled;
+        bytesRead += quint64(sampled);
+        if (sampled > 0 && !_drain(piece, deflater, data, sampled, Z_NO_FLUSH, spill))
+            return Failure::Spill;
     }
     for (;;) {
         if (stopping)
@@ -338,6 +372,12 @@ bool ParallelPacker::_writeEntry(QuaZip& zip, int entry, size_t& next, ProgressR
     }
     if (!_waitFor(next, progress, progressTotal))
         return false;
+    if (pieces[next].stored) {
+        if (failed(pieces[next]) || !_writeStored(zip, entry, progress, progressTotal))
+            return false;
+        _advance(next);
+        return true;
+    }
     const bool whole = pieces[next].kind == Kind::Whole;
     if (whole) {
         crc = pieces[next].crc;
@@ -346,8 +386,8 @@ bool ParallelPacker::_writeEntry(QuaZip& zip, int entry, size_t& next, ProgressR
     info.internalAttr = pieces[next].text ? Z_TEXT : 0;
     const QByteArray utf8Name = name.toUtf8();
     QuaZipFile file(&zip);
-    if (!file.open(QIODevice::WriteOnly, info, nullptr, quint32(crc), Z_DEFLATED, level, true,
-                   -MAX_WBITS, memoryLevel, Z_DEFAULT_STRATEGY)) {
+    if (!file.open(QIODevice::WriteOnly, info, nullptr, quint32(crc), Z_DEFLATED, compression.level,
+                   true, -MAX_WBITS, memoryLevel, Z_DEFAULT_STRATEGY)) {
         zipWarning("Couldn't open %s in %s", utf8Name.constData(), archiveName.constData());
         return false;
     }
@@ -366,6 +406,45 @@ bool ParallelPacker::_writeEntry(QuaZip& zip, int entry, size_t& next, ProgressR
     }
     // As with one thread, an entry's failed close shows at the next write, or when the archive
     // is closed.
+    file.close();
+    return true;
+}
+
+// A stored file goes from the disk into the archive on this thread, as on one thread: QuaZip takes
+// its CRC as it writes, so the entry is the one a single thread writes.
+bool ParallelPacker::_writeStored(QuaZip& zip, int entry, ProgressReporter& progress,
+                                  quint64 progressTotal) {
+    const QString& name = names[entry];
+    const QString filePath = folder.filePath(name);
+    const QByteArray utf8Name = name.toUtf8(), utf8Path = filePath.toUtf8();
+    QuaZipFile file(&zip);
+    if (!file.open(QIODevice::WriteOnly, QuaZipNewInfo(name, filePath), nullptr, 0,
+                   compression.method(true), compression.entryLevel(true), false, -MAX_WBITS,
+                   memoryLevel, Z_DEFAULT_STRATEGY)) {
+        zipWarning("Couldn't open %s in %s", utf8Name.constData(), archiveName.constData());
+        return false;
+    }
+    debugPrint("Adding file %s", utf8Name.constData());
+    QFile input(filePath);
+    if (!input.open(QIODevice::ReadOnly)) {
+        zipWarning("Couldn't open %s", utf8Path.constData());
+        return false;
+    }
+    std::vector<char> buffer(static_cast<size_t>(chunkSize));
+    while (!input.atEnd()) {
+        const qint64 read = input.read(buffer.data(), chunkSize);
+        if (read <= 0) {
+            zipWarning("Couldn't read %s", utf8Path.constData());
+            return false;
+        }
+        if (file.write(buffer.data(), read) != read) {
+            zipWarning("Couldn't write to %s in %s", utf8Path.constData(), archiveName.constData());
+            return false;
+        }
+        bytesRead += quint64(read);
+        if (!progress.update(StagePacking, bytesRead, progressTotal))
+            return false;
+    }
     file.close();
     return true;
 }

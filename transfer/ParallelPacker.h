@@ -5,6 +5,7 @@
 // block primed with the 32 KiB before it: one valid deflate stream, other bytes, same contents.
 #pragma once
 
+#include "transfer/Compression.h"
 #include "transfer/ProgressReporter.h"
 
 #include <QByteArray>
@@ -33,7 +34,8 @@ public:
     // A handle's setting made concrete: 0 is one per available core, at most maximumThreads.
     static unsigned threadsFor(uint32_t setting);
 
-    ParallelPacker(const QDir& folder, const QStringList& names, unsigned threads);
+    ParallelPacker(const QDir& folder, const QStringList& names, unsigned threads,
+                   const Compression& compression = {});
     ~ParallelPacker();
     ParallelPacker(const ParallelPacker&) = delete;
     ParallelPacker& operator=(const ParallelPacker&) = delete;
@@ -70,13 +72,16 @@ private:
         QString spill; // the file holding the rest of the output, once memory was full
         quint32 crc = 0;
         qint64 size = 0;
-        bool text = false; // zlib took the data for text, which the central header records
+        bool text = false;   // zlib took the data for text, which the central header records
+        bool judged = false; // whether the file is stored is known (a split file's, when planned)
+        bool stored = false; // the writer copies the file into the archive as it is
         Failure failure = Failure::None;
         bool done = false;
     };
     struct Deflater;
 
     void _plan();
+    bool _storedWhole(int entry);
     void _work();
     bool _takePiece(size_t& index);
     Failure _deflate(Piece& piece, Deflater& deflater, QFile& file, QFile& spill);
@@ -87,12 +92,14 @@ private:
                      quint64 progressTotal);
     bool _waitFor(size_t index, ProgressReporter& progress, quint64 progressTotal);
     bool _writePiece(QuaZipFile& file, Piece& piece);
+    bool _writeStored(QuaZip& zip, int entry, ProgressReporter& progress, quint64 progressTotal);
     void _advance(size_t& next);
     void _stop();
 
     const QDir folder;
     const QStringList names;
     const unsigned threadCount;
+    const Compression compression;
     const size_t lookahead;
     QString spillFolder;
     QByteArray archiveName;

@@ -72,6 +72,10 @@ TEST(UploadArguments, BoundedSettingsAndStoredName) {
          "Packing threads are at most 32; 33 was cropped\n"},
         {[](dataExchangeLibraryImp* h, uint32_t n) { return dataExchangeSetRetries(h, n, 0); }, 20,
          ValueCropped, "Retries are at most 20; 21 was cropped\n"},
+        {[](dataExchangeLibraryImp* h, uint32_t n) { return dataExchangeSetCompression(h, n, 0); },
+         9, ValueCropped, "Compression level is at most 9; 10 was cropped\n"},
+        {[](dataExchangeLibraryImp* h, uint32_t n) { return dataExchangeSetCompression(h, 1, n); },
+         1, InvalidArgument, "Storing what does not shrink is 0 (off) or 1 (on), not 2\n"},
     };
     dataExchangeLibraryImp* handle = dataExchangeInit(nullptr, 0, nullptr);
     for (const auto& s : settings) {

@@ -9,7 +9,7 @@ EXPECTED = {"dataExchange" + name for name in (
     "SetStringOption UploadData "
     # Opt-in extensions.
     "SetProgressCallback SetStallTimeout SetRemovePackage SetUseConfiguredProxy "
-    "SetVerifiedDelivery GetStoredName SetPackingThreads SetUnicodePaths "
+    "SetVerifiedDelivery GetStoredName SetPackingThreads SetCompression SetUnicodePaths "
     "SetRetries SetSpoolFolder SendSpooled ListSpooled SetLogCallback").split()}
 
 

@@ -268,6 +268,7 @@ static void extensions(dataExchangeLibraryImp* handle) {
            Success);
     result("dataExchangeSetVerifiedDelivery", dataExchangeSetVerifiedDelivery(handle, 1), Success);
     result("dataExchangeSetPackingThreads", dataExchangeSetPackingThreads(handle, 2), Success);
+    result("dataExchangeSetCompression", dataExchangeSetCompression(handle, 6, 0), Success);
     result("dataExchangeSetUnicodePaths(1)", dataExchangeSetUnicodePaths(handle, 1), Success);
     result("dataExchangeSetUnicodePaths(2)", dataExchangeSetUnicodePaths(handle, 2),
            InvalidArgument);

@@ -4,12 +4,14 @@
 #include "transfer/FileHandler.h"
 #include "LogSink.h"
 #include "UploadFixture.h"
+#include "transfer/ZipVersionNeeded.h"
 
 #include <QDir>
 #include <QJsonArray>
 #include <QProcess>
 #include <QRegularExpression>
 #include <csignal>
+#include <quazip/quazip.h>
 #include <quazip/quazipfile.h>
 #include <sys/resource.h>
 
@@ -121,7 +123,12 @@ TEST_F(Packing, OnSeveralThreads) {
     for (int n = 0; n < 30; ++n)
         ASSERT_TRUE(dxtest::writeFile(mixed + QString("/m%1_\u00e4.csv").arg(n),
                                       mixedBytes(n % 10 ? n * 3000 : 0, n)));
-    ASSERT_TRUE(dxtest::writeFile(mixed + "/large.bin", mixedBytes(9 << 20, 99)));
+    QByteArray noise(300000, 0); // deflate cannot shrink it
+    quint32 state = 1;
+    for (char& c : noise)
+        c = char((state = state * 1103515245u + 12345u) >> 24);
+    ASSERT_TRUE(dxtest::writeFile(mixed + "/large.bin", mixedBytes(9 << 20, 99)) &&
+                dxtest::writeFile(mixed + "/noise.dat", noise));
     const QByteArray big = mixedBytes(70 << 20, 7);
     ASSERT_TRUE(dxtest::writeFile(recording + "/run.bin", big) &&
                 dxtest::writeFile(recording + "/run.txt", "x"));
@@ -131,9 +138,26 @@ TEST_F(Packing, OnSeveralThreads) {
         handler.useExtensions(extensions);
         return pack(folder) ? dxtest::readFile(packed) : QByteArray();
     };
-    const QByteArray single = packOn(1, mixed);
-    for (uint32_t threads : {2u, 3u, 0u})
-        EXPECT_TRUE(packOn(threads, mixed) == single) << threads;
+    // level, storing what does not shrink, the entries stored; a chosen level 6 is the default.
+    const struct {
+        int level;
+        bool store;
+        int stored;
+    } compressions[] = {{-1, false, 0}, {6, false, 0}, {1, false, 0},
+                        {9, false, 0},  {6, true, 1},  {0, false, 32}};
+    QList<QByteArray> archives;
+    for (const auto& c : compressions) {
+        extensions.compressionLevel = c.level;
+        extensions.storeIncompressible = c.store;
+        archives << packOn(1, mixed);
+        for (uint32_t threads : {2u, 3u, 0u})
+            EXPECT_TRUE(packOn(threads, mixed) == archives.back()) << threads << " " << c.level;
+        EXPECT_EQ(entries().filter(QRegularExpression("^\\S+ 0 ")).size(), c.stored) << c.level;
+    }
+    EXPECT_TRUE(archives[0] == archives[1]);
+    EXPECT_GT(archives[2].size(), archives[3].size() + 1000);
+    extensions.compressionLevel = -1;
+    extensions.storeIncompressible = false;
     ASSERT_FALSE(packOn(2, recording).isEmpty());
     EXPECT_EQ(entries().size(), 2);
     QuaZipFile entry(packed, "run.bin");
@@ -145,6 +169,44 @@ TEST_F(Packing, OnSeveralThreads) {
     EXPECT_TRUE(packOn(2, recording).isEmpty());
     EXPECT_EQ(calls, 2);
     EXPECT_FALSE(QFileInfo::exists(QFileInfo(packed).path()));
+}
+
+// QuaZip's 6.3 for an entry with a UTF-8 name becomes what the entry needs: 4.5 with zip64
+// fields, 2.0 deflated, 1.0 stored; an entry without the flag keeps it.
+TEST_F(Packing, VersionNeededOfUtf8Names) {
+    const struct {
+        const char* name;
+        int method;
+        QByteArray extra;
+        quint16 needed;
+    } rows[] = {{"zip64_\u00e4", 8, QByteArray("\1\0\10\0\0\0\0\0\0\0\0\0", 12), 45},
+                {"deflated_\u00e4", 8, {}, 20},
+                {"stored_\u00e4", 0, {}, 10},
+                {"unflagged", 8, {}, 63}};
+    const QString path = work.filePath("v.zip");
+    QuaZip zip(path);
+    zip.setUtf8Enabled(true);
+    ASSERT_TRUE(zip.open(QuaZip::mdCreate));
+    for (const auto& row : rows) {
+        QuaZipNewInfo info(QString::fromUtf8(row.name));
+        info.extraGlobal = row.extra;
+        QuaZipFile entry(&zip);
+        ASSERT_TRUE(entry.open(QIODevice::WriteOnly, info, nullptr, 0, row.method));
+        entry.write("x");
+    }
+    zip.close();
+    QByteArray bytes = dxtest::readFile(path);
+    QList<int> central; // as QuaZip writes a zip64 entry: 6.3, the last one without the flag
+    for (int at = 0; (at = bytes.indexOf("PK\1\2", at)) >= 0; at += 4)
+        central << at;
+    ASSERT_EQ(central.size(), 4);
+    for (int at : central)
+        bytes[at + 6] = 63;
+    bytes[central.back() + 9] = 0;
+    ASSERT_TRUE(dxtest::writeFile(path, bytes) && lowerVersionNeeded(path));
+    bytes = dxtest::readFile(path);
+    for (int n = 0; n < 4; ++n)
+        EXPECT_EQ(quint8(bytes[central[n] + 6]), rows[n].needed) << rows[n].name;
 }
 
 // A full disk on several threads fails as on one, and leaves nothing behind.
