@@ -109,8 +109,8 @@ static int exitStatusOf(int32_t result) {
 }
 
 /* The flags that set options; the option's type decides which Set export is called. A flag
- * without an option sets the stall timeout, the packing threads or the retries, settings of the
- * handle. */
+ * without an option sets the stall timeout, the packing threads, the compression level or the
+ * retries, settings of the handle. */
 static const struct {
     const char* flag;
     const char* option;
@@ -136,6 +136,9 @@ static const struct {
     {"--threads", NULL, Uint32, "N",
      "threads that pack a folder: 0, the default, one per core; 1 as\n"
      "                   the library packs unless asked; at most 32"},
+    {"--level", NULL, Uint32, "N",
+     "compression of a folder's files: 1 fastest to 9 smallest, 6 as\n"
+     "                   the library packs unless asked (the default); 0 stores them"},
     {"--retries", NULL, Uint32, "N",
      "send again up to N times after a passing fault of the server\n"
      "                   (refused, reset, busy, stalled), waiting up to 1 s, 2 s,\n"
@@ -175,6 +178,9 @@ static void printHelp(void) {
     }
     printf("  --remove-package remove the packed copy when the upload returns, instead of\n"
            "                   keeping it in the temporary folder until the program ends\n"
+           "  --store-incompressible\n"
+           "                   store a file whose first 128 KiB deflate cannot shrink\n"
+           "                   (random, compressed or packed data) instead of deflating it\n"
            "  --use-proxy      send through the proxy that config.xml names\n"
            "  --plain          count any answer of the server as delivery, as the library\n"
            "                   does by default; without it the upload is verified: the\n"
@@ -299,11 +305,12 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
     int32_t i32 = 0;
     uint32_t u32 = 0;
     uint64_t u64 = 0;
-    if (name == NULL) /* --threads or --retries, the settings of the handle that are cropped */
-        cliTextPrintf(messages, TOOL ": warning: %s stored as %d\n", optionFlags[flag].flag,
-                      strcmp(optionFlags[flag].flag, "--threads") == 0
-                          ? DATAEXCHANGE_MAX_PACKING_THREADS
-                          : DATAEXCHANGE_MAX_RETRIES);
+    if (name == NULL) /* --threads, --level or --retries: the handle's settings that are cropped */
+        cliTextPrintf(
+            messages, TOOL ": warning: %s stored as %d\n", optionFlags[flag].flag,
+            strcmp(optionFlags[flag].flag, "--threads") == 0 ? DATAEXCHANGE_MAX_PACKING_THREADS
+            : strcmp(optionFlags[flag].flag, "--level") == 0 ? DATAEXCHANGE_MAX_COMPRESSION_LEVEL
+                                                             : DATAEXCHANGE_MAX_RETRIES);
     else if (optionFlags[flag].type == Int32 &&
              dataExchangeGetInt32Option(handle, name, Current, &i32) == Success)
         cliTextPrintf(messages, TOOL ": warning: %s stored as %" PRId32 "\n",
@@ -324,10 +331,17 @@ static void printStoredValue(dataExchangeLibraryImp* handle, size_t flag) {
 /* Three attempts in all unless --retries says otherwise. */
 #define DEFAULT_RETRIES 2
 
-static int32_t applySetting(dataExchangeLibraryImp* handle, const Setting* setting) {
+/* The level the library packs at unless asked, which --store-incompressible alone keeps. */
+#define DEFAULT_LEVEL 6
+
+static int32_t applySetting(dataExchangeLibraryImp* handle, const Setting* setting,
+                            int storeIncompressible) {
     const char* name = optionFlags[setting->flag].option;
     if (name == NULL && strcmp(optionFlags[setting->flag].flag, "--threads") == 0)
         return dataExchangeSetPackingThreads(handle, (uint32_t)setting->unsignedValue);
+    if (name == NULL && strcmp(optionFlags[setting->flag].flag, "--level") == 0)
+        return dataExchangeSetCompression(handle, (uint32_t)setting->unsignedValue,
+                                          (uint32_t)storeIncompressible);
     if (name == NULL && strcmp(optionFlags[setting->flag].flag, "--retries") == 0)
         return dataExchangeSetRetries(handle, (uint32_t)setting->unsignedValue,
                                       RETRY_DELAY_MILLISECONDS);
@@ -693,6 +707,8 @@ int main(int argc, char** argv) {
     int ansiPaths = 0;
     int endOfFlags = 0;
     int removePackage = 0;
+    int storeIncompressible = 0;
+    int levelGiven = 0;
     int useProxy = 0;
     int plain = 0;
     int verbose = 0;
@@ -766,6 +782,10 @@ int main(int argc, char** argv) {
         }
         if (strcmp(arg, "--remove-package") == 0) {
             removePackage = 1;
+            continue;
+        }
+        if (strcmp(arg, "--store-incompressible") == 0) {
+            storeIncompressible = 1;
             continue;
         }
         if (strcmp(arg, "--use-proxy") == 0) {
@@ -852,7 +872,8 @@ int main(int argc, char** argv) {
     if (result == Success)
         result = dataExchangeSetRetries(handle, DEFAULT_RETRIES, RETRY_DELAY_MILLISECONDS);
     for (i = 0; (size_t)i < settingCount && result == Success; ++i) {
-        result = applySetting(handle, &settings[i]);
+        result = applySetting(handle, &settings[i], storeIncompressible);
+        levelGiven |= strcmp(optionFlags[settings[i].flag].flag, "--level") == 0;
         if (result == ValueCropped) {
             printErrors(handle);
             printStoredValue(handle, settings[i].flag);
@@ -861,6 +882,8 @@ int main(int argc, char** argv) {
             printFailure(handle, optionFlags[settings[i].flag].flag, result);
         }
     }
+    if (result == Success && storeIncompressible && !levelGiven)
+        result = dataExchangeSetCompression(handle, DEFAULT_LEVEL, 1);
     if (result == Success && removePackage)
         result = dataExchangeSetRemovePackage(handle, 1);
     if (result == Success && useProxy)
