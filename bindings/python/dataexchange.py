@@ -187,6 +187,7 @@ def _declare(lib):
         "SetVerifiedDelivery": [vp, ctypes.c_uint32],
         "GetStoredName": [vp, size, out],
         "SetPackingThreads": [vp, ctypes.c_uint32],
+        "SetCompression": [vp, ctypes.c_uint32, ctypes.c_uint32],
         "SetUnicodePaths": [vp, ctypes.c_uint32],
         "SetRetries": [vp, ctypes.c_uint32, ctypes.c_uint32],
         "SetSpoolFolder": [vp, text],
@@ -272,7 +273,9 @@ class Handle:
     """One library handle. Use it from one thread at a time; close it, or use it in a with
     block. library: a path, a CDLL from load(), or None (see load()). verified: verified
     delivery (see set_verified_delivery), on unless False is given. threads: the threads that
-    pack a folder (see set_packing_threads), one per core unless given. unicode_paths: paths
+    pack a folder (see set_packing_threads), one per core unless given. level and
+    store_incompressible: how a folder's files are compressed (see set_compression), zlib's
+    level 6 with every file deflated unless given. unicode_paths: paths
     of any characters (see set_unicode_paths), on unless False is given. retries: attempts
     after the first for a passing fault of the server (see set_retries), 2 unless given. spool:
     a folder that keeps what still fails (see set_spool_folder), none unless given.
@@ -280,8 +283,9 @@ class Handle:
     set_remove_package) unless False is given, so that a long-running script leaves no copies
     behind and no cleanup is left for the library's unload, when no logging takes its lines."""
 
-    def __init__(self, library=None, *, qt_dir=None, verified=True, threads=0,
-                 unicode_paths=True, retries=2, spool=None, remove_package=True):
+    def __init__(self, library=None, *, qt_dir=None, verified=True, threads=0, level=None,
+                 store_incompressible=False, unicode_paths=True, retries=2, spool=None,
+                 remove_package=True):
         self._lib = library if isinstance(library, ctypes.CDLL) else load(library, qt_dir)
         message = ctypes.create_string_buffer(1024)
         self._handle = ctypes.c_void_p(self._lib.dataExchangeInit(None, len(message), message))
@@ -294,6 +298,8 @@ class Handle:
         self._unicode_paths = False  # the library's default
         self.set_verified_delivery(verified)
         self.set_packing_threads(threads)
+        if level is not None or store_incompressible:
+            self.set_compression(6 if level is None else level, store_incompressible)
         self.set_unicode_paths(unicode_paths)
         self.set_retries(retries)
         self.set_remove_package(remove_package)
@@ -442,6 +448,14 @@ class Handle:
         N: N threads (over 32: a ValueCroppedWarning, and 32). More threads give the same archive,
         except that a file holding most of a big folder is packed in blocks."""
         self._call("dataExchangeSetPackingThreads", threads)
+
+    def set_compression(self, level: int, store_incompressible: bool = False) -> None:
+        """level 1 (fastest) to 9 (smallest) deflates a folder's files at that level, 0 stores
+        them (over 9: a ValueCroppedWarning, and 9); store_incompressible: a file whose first
+        128 KiB deflate cannot shrink is stored instead. The archive stays the same at every
+        thread count; unset, every file is deflated at level 6, as the library packs by
+        default."""
+        self._call("dataExchangeSetCompression", level, 1 if store_incompressible else 0)
 
     def set_unicode_paths(self, enable: bool) -> None:
         """On: upload() passes a str path as UTF-8, and on Windows the library reaches every

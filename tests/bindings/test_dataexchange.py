@@ -49,7 +49,9 @@ class BindingTest(unittest.TestCase):
             self.assertRaisesRegex(error, message, handle.set, name, value)
         for setter, value, message in [(handle.set_packing_threads, 40, "Packing threads are at"
                                         " most 32; 40 was"),
-                                       (handle.set_retries, 25, "Retries are at most 20; 25 was")]:
+                                       (handle.set_retries, 25, "Retries are at most 20; 25 was"),
+                                       (handle.set_compression, 12, "Compression level is at "
+                                        "most 9; 12 was")]:
             self.assertRaisesRegex(dx.ValueCroppedWarning, "^" + message, setter, value)
 
     @unittest.skipUnless(os.name == "posix", "names that are not UTF-8 exist on POSIX only")
