@@ -246,6 +246,15 @@ namespace DataExchange
         public void SetPackingThreads(uint threads) =>
             Check("dataExchangeSetPackingThreads", Native.dataExchangeSetPackingThreads(Live(), threads));
 
+        /// <summary>How a folder's files are compressed: level 1 (fastest) to 9 (smallest)
+        /// deflates at that level, 0 stores every file (over 9 is a warning, and 9);
+        /// storeIncompressible: a file whose first 128 KiB deflate cannot shrink is stored
+        /// instead. Never called, every file is deflated at level 6. The archive is the same
+        /// whatever the thread count.</summary>
+        public void SetCompression(uint level, bool storeIncompressible) =>
+            Check("dataExchangeSetCompression",
+                  Native.dataExchangeSetCompression(Live(), level, Bit(storeIncompressible)));
+
         /// <summary>True: <see cref="Upload"/> passes the path as UTF-8, and on Windows the
         /// library reaches every name whatever its characters. False (the library's default):
         /// the path goes in the system's narrow encoding, on Windows the ANSI code page; a path

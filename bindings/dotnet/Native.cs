@@ -100,6 +100,9 @@ namespace DataExchange
         [DllImport(Library, CallingConvention = Cdecl)]
         internal static extern int dataExchangeSetPackingThreads(NativeHandle handle, uint threads);
         [DllImport(Library, CallingConvention = Cdecl)]
+        internal static extern int dataExchangeSetCompression(NativeHandle handle, uint level,
+                                                              uint storeIncompressible);
+        [DllImport(Library, CallingConvention = Cdecl)]
         internal static extern int dataExchangeSetUnicodePaths(NativeHandle handle, uint enable);
         [DllImport(Library, CallingConvention = Cdecl)]
         internal static extern int dataExchangeSetRetries(NativeHandle handle, uint retries,
