@@ -80,6 +80,12 @@ int main(int argc, char** argv) {
         dataExchangeClose(&handle);
         return 1;
     }
+    /* BENCH_COMPRESSION=LEVEL or LEVEL+store: dataExchangeSetCompression before the upload. */
+    if (getenv("BENCH_COMPRESSION") != NULL) {
+        const char* setting = getenv("BENCH_COMPRESSION");
+        dataExchangeSetCompression(handle, (uint32_t)strtoul(setting, NULL, 10),
+                                   strstr(setting, "+store") != NULL);
+    }
     started = now();
     result = dataExchangeUploadData(handle, argv[2], sizeof name, name, &used);
     seconds = now() - started;

@@ -23,6 +23,10 @@
 #   bench/run.sh --only parallel --mixed-mb 20 --big-mb 100 --parallel-memory-mb 50 \
 #       --copy-mb 100 --reps 1          # a quick look at small sizes
 #   bench/run.sh --skip parallel        # everything else
+#   bench/run.sh --compression [--mixed-mb N] [--random-mb N] [--reps N] [--big-4g]
+#                                       # dataExchangeSetCompression: level 1 vs 7zz -mx=1, storing
+#                                       # vs level 6, an incompressible folder vs cp, peak RSS per
+#                                       # level and threads; --big-4g: the 4 GiB non-ASCII case
 #
 # BENCH_BUILD names another build folder (default <checkout>/build-bench), BENCH_SOURCE another
 # source tree to build the library from (default the checkout). Generated data stays under
@@ -43,4 +47,8 @@ for arg in "$@"; do
     fi
 done
 "$root/bench/build.sh" "${extra[@]}"
+# The compression choices: bench/compression.py, with its own switches after --compression.
+if [ "${1:-}" = --compression ]; then
+    exec python3 "$root/bench/compression.py" --build "$build" --source "$root" "${@:2}"
+fi
 exec python3 "$root/bench/bench.py" --build "$build" --source "$root" "$@"
