@@ -24,7 +24,8 @@ MIB = bench.MIB
 
 def check(archive):
     """unzip -t and Python's zipfile CRC check; the entries stored (method 0) and all."""
-    unzip = subprocess.run(["unzip", "-tqq", str(archive)], capture_output=True, text=True)
+    unzip = subprocess.run(["unzip", "-tqq", str(archive)], capture_output=True, text=True,
+                           errors="replace")
     with zipfile.ZipFile(archive) as z:
         bad = z.testzip()
         stored = sum(i.compress_type == 0 for i in z.infolist())

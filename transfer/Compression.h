@@ -26,6 +26,10 @@ struct Compression {
     // a raw deflate stream at this level (null when not judging), reset before use and after,
     // without an output buffer.
     bool stores(z_stream* stream, const char* sample, qint64 size) const;
+    // Whether an entry of this size gets zip64 fields in its local header too, where QuaZip
+    // leaves the sizes 0: readers that take a stored entry's size from there (Info-ZIP's unzip)
+    // then read it whole. Only once chosen, so that the default archive stays as it was.
+    bool localZip64(qint64 size) const { return chosen() && size >= qint64(0xffffffff); }
     // The method and level an entry is opened with.
     int method(bool stored) const { return stored ? 0 : Z_DEFLATED; }
     int entryLevel(bool stored) const { return stored ? 0 : level; }

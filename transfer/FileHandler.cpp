@@ -233,6 +233,7 @@ bool FileHandler::_zipOnThisThread(QuaZip& zip, QFile& zipFile, const QDir& dir,
         }
         const bool stored = !isFolder && compression.stores(judge ? &judge->stream : nullptr,
                                                             sample.constData(), sample.size());
+        zip.setZip64Enabled(compression.localZip64(QFileInfo(filePath).size()));
         if (!entry.open(QIODevice::WriteOnly, QuaZipNewInfo(name, filePath), nullptr, 0,
                         isFolder ? 0 : compression.method(stored), compression.entryLevel(stored),
                         false, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY)) {

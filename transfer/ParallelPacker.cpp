@@ -385,6 +385,7 @@ bool ParallelPacker::_writeEntry(QuaZip& zip, int entry, size_t& next, ProgressR
     }
     info.internalAttr = pieces[next].text ? Z_TEXT : 0;
     const QByteArray utf8Name = name.toUtf8();
+    zip.setZip64Enabled(compression.localZip64(QFileInfo(filePath).size()));
     QuaZipFile file(&zip);
     if (!file.open(QIODevice::WriteOnly, info, nullptr, quint32(crc), Z_DEFLATED, compression.level,
                    true, -MAX_WBITS, memoryLevel, Z_DEFAULT_STRATEGY)) {
@@ -417,6 +418,7 @@ bool ParallelPacker::_writeStored(QuaZip& zip, int entry, ProgressReporter& prog
     const QString& name = names[entry];
     const QString filePath = folder.filePath(name);
     const QByteArray utf8Name = name.toUtf8(), utf8Path = filePath.toUtf8();
+    zip.setZip64Enabled(compression.localZip64(QFileInfo(filePath).size()));
     QuaZipFile file(&zip);
     if (!file.open(QIODevice::WriteOnly, QuaZipNewInfo(name, filePath), nullptr, 0,
                    compression.method(true), compression.entryLevel(true), false, -MAX_WBITS,
