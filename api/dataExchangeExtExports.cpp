@@ -1,6 +1,7 @@
 // The opt-in extension exports: each stores one setting of the handle.
 #include "LogSink.h"
 #include "api/dataExchangeLibraryImp.h"
+#include "server/CurlUpload.h"
 #include "transfer/ParallelPacker.h"
 #include "transfer/RetryPolicy.h"
 
@@ -126,6 +127,16 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetRetries(dataExchangeLi
     handle->appendError("Retries are at most " + std::to_string(kept) + "; " +
                         std::to_string(retries) + " was cropped");
     return ValueCropped;
+}
+
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetStreamingUpload(dataExchangeLibraryImp* handle, uint32_t enable) {
+    if (handle != nullptr && enable == 1 && !measurement::dataExchange::CurlUpload::available()) {
+        handle->clearErrors();
+        handle->appendError("Streaming upload is not available in this build");
+        return NotAvailable;
+    }
+    return setSwitch(handle, "Streaming upload is", enable, &Extensions::streamingUpload);
 }
 
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL

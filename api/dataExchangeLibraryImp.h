@@ -89,6 +89,7 @@ struct dataExchangeLibraryImp {
         uint32_t retries = 0;
         uint32_t retryDelayMilliseconds = 1000;
         std::string spoolFolder; // UTF-8; empty: no spool
+        bool streamingUpload = false;
     };
     Extensions extensions;
     // The server's answer to the last upload: the name it stored the item under.

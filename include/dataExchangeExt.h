@@ -194,6 +194,22 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSendSpooled(dataExchangeL
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeListSpooled(dataExchangeLibraryImp* handle,
                                                                    size_t bufferSize, char* buffer);
 
+/* dataExchangeSetStreamingUpload() : 0 (the default) posts the upload through Qt, whose HTTP
+ * thread reads the body from the calling thread 16 KiB at a time and so caps the rate near
+ * 1 Gbit/s. 1: the upload request goes through libcurl, which streams the body from the calling
+ * thread in large writes; the job request stays with Qt. The request is the same (the body byte for
+ * byte, the same headers but for their order), and so are progress, cancel, the stall timeout, the
+ * proxy, TLS verification against the same trust, verified delivery's causes and retries. Not the
+ * same: Qt sends a request once more by itself when the connection closes before the answer,
+ * libcurl does not (a retry does, where allowed); with a proxy that wants a password, libcurl sends
+ * it at once where Qt asks first; a failure outside these causes is worded by libcurl.
+ * @return Success; InvalidArgument for a NULL handle, or for a value other than 0 and 1 with the
+ * message "Streaming upload is 0 (off) or 1 (on), not <value>"; NotAvailable for 1 where
+ * libcurl or its OpenSSL cannot be loaded (they are loaded now, not with the library), or in a
+ * build without them, with "Streaming upload is not available in this build". */
+DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
+dataExchangeSetStreamingUpload(dataExchangeLibraryImp* handle, uint32_t enable);
+
 /* What a log line reports. The library's lines are a trace: what it does and what failed below
  * the error list; only the zip writer's are about the host's data, a file left out of a package. */
 typedef enum dataExchangeLogLevel {

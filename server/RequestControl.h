@@ -21,6 +21,8 @@ struct RequestControl {
     bool utf8FileName = false;
     // Retries are on: failed requests are described for the attempts' list, TLS errors included.
     bool retries = false;
+    // The upload request goes through libcurl, which streams the body from the calling thread.
+    bool streaming = false;
 };
 
 } // namespace measurement::dataExchange

@@ -2,6 +2,7 @@
 
 #include "System.h"
 #include "api/LibraryGlobals.h"
+#include "server/CurlUpload.h"
 #include "server/StoredNameCheck.h"
 
 #include <QCoreApplication>
@@ -171,6 +172,10 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
     _forgetLastFailure();
     if (_sslMissing())
         return false;
+    const QString name = QFileInfo(filePath).fileName();
+    const QByteArray fileName = control.utf8FileName ? name.toUtf8() : name.toLocal8Bit();
+    if (control.streaming)
+        return _streamUpload(filePath, fileName, answer);
     // The file object comes first so that it outlives the manager and with it the reply that
     // reads from it.
     QFile file(filePath);
@@ -183,10 +188,8 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
     QHttpPart part;
     part.setHeader(QNetworkRequest::ContentTypeHeader,
                    QByteArrayLiteral("application/octet-stream"));
-    const QString fileName = QFileInfo(filePath).fileName();
     part.setHeader(QNetworkRequest::ContentDispositionHeader,
-                   QByteArrayLiteral("form-data; name=\"file\"; filename=\"") +
-                       (control.utf8FileName ? fileName.toUtf8() : fileName.toLocal8Bit()) + '"');
+                   QByteArrayLiteral("form-data; name=\"file\"; filename=\"") + fileName + '"');
     part.setBodyDevice(&file); // streamed: the file is never loaded whole
     auto* multiPart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
     multiPart->append(part);
@@ -204,22 +207,50 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
         reply->setReadBufferSize(StoredNameCheck::answerLimit + 1);
     _waitFor(reply);
     boundedAnswer = false;
-    if (_replyFailed(reply))
+    return _answered(RequestOutcome::of(reply), filePath, answer);
+}
+
+bool ServerInteractor::_streamUpload(const QString& filePath, const QByteArray& fileName,
+                                     QString& answer) {
+    CurlUpload::Request request;
+    request.url = _scriptUrl(uploadScriptName);
+    request.filePath = filePath;
+    request.fileName = fileName;
+    if (proxyConfigured)
+        request.proxy = configuredProxy;
+    request.control = control;
+    request.answerLimit = control.verified ? StoredNameCheck::answerLimit : 0;
+    CurlUpload::Result result;
+    if (!CurlUpload::post(request, result)) {
+        lastErrorMessage = quoted("Could not open file '", filePath);
         return false;
-    const QByteArray body = reply->readAll();
-    answer = QString::fromUtf8(body);
+    }
+    cancelled = result.cancelled;
+    stallAborted = result.stalled;
+    answerTooLong = result.answerTooLong;
+    bodySent = result.bodySent;
+    tlsErrors = result.tlsErrors;
+    return _answered(result.outcome, filePath, answer);
+}
+
+bool ServerInteractor::_answered(const RequestOutcome& outcome, const QString& filePath,
+                                 QString& answer) {
+    if (_requestFailed(outcome))
+        return false;
+    answer = QString::fromUtf8(outcome.body);
     debugPrint("Received answer %s", answer.toStdString().c_str());
     if (!control.verified)
         return true;
     answer = answer.trimmed();
     if (!answer.isEmpty()) {
-        lastErrorMessage = StoredNameCheck::problem(body, reply->url().toString().toStdString());
+        lastErrorMessage =
+            StoredNameCheck::problem(outcome.body, outcome.url.toString().toStdString());
         return lastErrorMessage.empty();
     }
     lastErrorMessage =
-        "The server stored nothing: " + reply->url().toString().toStdString() + " answered " +
-        reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toString().toStdString() +
-        " with an empty body. The package of " + std::to_string(QFileInfo(filePath).size()) +
+        "The server stored nothing: " + outcome.url.toString().toStdString() + " answered " +
+        outcome.status.toString().toStdString() + " with an empty body. The package of " +
+        std::to_string(QFileInfo(filePath).size()) +
         " bytes may be over the server's upload limit (PHP: post_max_size, upload_max_filesize)";
     return false;
 }
@@ -251,7 +282,7 @@ bool ServerInteractor::pushJob(const QString& serverFileName) {
     QNetworkReply* reply = manager.post(request, body);
     currentReply = reply;
     _waitFor(reply);
-    return !_replyFailed(reply);
+    return !_requestFailed(RequestOutcome::of(reply));
 }
 
 void ServerInteractor::fileUploadFinished(QNetworkReply* reply) {
@@ -365,24 +396,23 @@ bool ServerInteractor::useConfiguredProxy() {
     return true;
 }
 
-bool ServerInteractor::_replyFailed(const QNetworkReply* reply) {
+bool ServerInteractor::_requestFailed(const RequestOutcome& outcome) {
     _forgetLastFailure();
-    if (reply->error() == QNetworkReply::NoError)
+    if (outcome.error == QNetworkReply::NoError)
         return false;
     if (answerTooLong)
-        cause = StoredNameCheck::tooLong(reply->url().toString().toStdString());
+        cause = StoredNameCheck::tooLong(outcome.url.toString().toStdString());
     else if (stallAborted)
         cause = "No data moved for " + std::to_string(control.stallTimeoutSeconds) +
-                " seconds; request to '" + reply->url().toString().toStdString() + "' aborted";
+                " seconds; request to '" + outcome.url.toString().toStdString() + "' aborted";
     else
-        cause = _failureCause(reply);
-    lastErrorMessage =
-        stallAborted || control.verified ? cause : reply->errorString().toStdString();
-    transient = _isTransient(reply);
-    lostAnswer = reply->error() == QNetworkReply::RemoteHostClosedError && bodySent && !cancelled;
-    if (reply->hasRawHeader("Retry-After")) {
+        cause = _failureCause(outcome);
+    lastErrorMessage = stallAborted || control.verified ? cause : outcome.errorString.toStdString();
+    transient = _isTransient(outcome);
+    lostAnswer = outcome.error == QNetworkReply::RemoteHostClosedError && bodySent && !cancelled;
+    if (outcome.hasRetryAfter) {
         // Seconds, or an HTTP date.
-        const QByteArray value = reply->rawHeader("Retry-After").trimmed();
+        const QByteArray value = outcome.retryAfter.trimmed();
         bool number = false;
         const int seconds = value.toInt(&number);
         const QDateTime at = QDateTime::fromString(QString::fromLatin1(value), Qt::RFC2822Date);
@@ -395,18 +425,17 @@ bool ServerInteractor::_replyFailed(const QNetworkReply* reply) {
     return true;
 }
 
-bool ServerInteractor::_isTransient(const QNetworkReply* reply) const {
+bool ServerInteractor::_isTransient(const RequestOutcome& outcome) const {
     if (cancelled)
         return false;
     if (stallAborted)
         return true;
-    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (status.isValid()) {
-        const int code = status.toInt();
+    if (outcome.status.isValid()) {
+        const int code = outcome.status.toInt();
         return code == 408 || code == 429 || code == 500 || code == 502 || code == 503 ||
                code == 504;
     }
-    switch (reply->error()) {
+    switch (outcome.error) {
     case QNetworkReply::RemoteHostClosedError:
         return !bodySent;
     case QNetworkReply::ConnectionRefusedError:
@@ -426,19 +455,16 @@ bool ServerInteractor::_isTransient(const QNetworkReply* reply) const {
 }
 
 // The causes of a failed request in the order they happened, one a line.
-std::string ServerInteractor::_failureCause(const QNetworkReply* reply) const {
+std::string ServerInteractor::_failureCause(const RequestOutcome& outcome) const {
     std::string causes;
     for (const std::string& error : tlsErrors)
         causes += error + "\n";
-    const QString url = reply->url().toString();
-    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    if (status.isValid())
-        return causes + url.toStdString() + " answered " + status.toString().toStdString() + " " +
-               reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute)
-                   .toString()
-                   .toStdString();
-    const std::string host = reply->url().authority().toStdString();
-    switch (reply->error()) {
+    const QString url = outcome.url.toString();
+    if (outcome.status.isValid())
+        return causes + url.toStdString() + " answered " + outcome.status.toString().toStdString() +
+               " " + outcome.reason.toStdString();
+    const std::string host = outcome.url.authority().toStdString();
+    switch (outcome.error) {
     case QNetworkReply::ConnectionRefusedError:
         return causes + "Connection to " + host + " refused";
     case QNetworkReply::HostNotFoundError:
@@ -446,7 +472,7 @@ std::string ServerInteractor::_failureCause(const QNetworkReply* reply) const {
     case QNetworkReply::TimeoutError:
         return causes + "Connection to " + host + " timed out";
     default:
-        return causes + reply->errorString().toStdString() + " (" + url.toStdString() + ")";
+        return causes + outcome.errorString.toStdString() + " (" + url.toStdString() + ")";
     }
 }
 

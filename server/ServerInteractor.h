@@ -4,6 +4,7 @@
 
 #include "server/ProxySettings.h"
 #include "server/RequestControl.h"
+#include "server/RequestOutcome.h"
 #include "server/ServerSettings.h"
 
 #include <QMap>
@@ -79,9 +80,11 @@ private:
     void _forgetLastFailure();
     void _prepare(QNetworkRequest& request, QNetworkAccessManager& manager) const;
     void _waitFor(QNetworkReply* reply);
-    bool _replyFailed(const QNetworkReply* reply);
-    std::string _failureCause(const QNetworkReply* reply) const;
-    bool _isTransient(const QNetworkReply* reply) const;
+    bool _streamUpload(const QString& filePath, const QByteArray& fileName, QString& answer);
+    bool _answered(const RequestOutcome& outcome, const QString& filePath, QString& answer);
+    bool _requestFailed(const RequestOutcome& outcome);
+    std::string _failureCause(const RequestOutcome& outcome) const;
+    bool _isTransient(const RequestOutcome& outcome) const;
 
     ServerSettings server;
     ProxySettings proxy;

@@ -255,6 +255,7 @@ RequestControl FileHandler::_requestControl(uint32_t stage) {
     control.verified = extensions.verifiedDelivery;
     control.utf8FileName = pathMode.unicode();
     control.retries = extensions.retries > 0;
+    control.streaming = extensions.streamingUpload;
     if (!progress.active())
         return control;
     control.progress = [this, stage](quint64 done, quint64 total) {

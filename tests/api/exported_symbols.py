@@ -10,7 +10,7 @@ EXPECTED = {"dataExchange" + name for name in (
     # Opt-in extensions.
     "SetProgressCallback SetStallTimeout SetRemovePackage SetUseConfiguredProxy "
     "SetVerifiedDelivery GetStoredName SetPackingThreads SetCompression SetUnicodePaths "
-    "SetRetries SetSpoolFolder SendSpooled ListSpooled SetLogCallback").split()}
+    "SetRetries SetSpoolFolder SendSpooled ListSpooled SetLogCallback SetStreamingUpload").split()}
 
 
 def output(*command):

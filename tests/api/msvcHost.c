@@ -277,6 +277,7 @@ static void extensions(dataExchangeLibraryImp* handle) {
     text("errors of the refused call",
          equal(buffer, "Unicode paths are 0 (off) or 1 (on), not 2\n"), buffer);
     result("dataExchangeSetRetries", dataExchangeSetRetries(handle, 2, 10), Success);
+    result("dataExchangeSetStreamingUpload(0)", dataExchangeSetStreamingUpload(handle, 0), Success);
     result("dataExchangeSetLogCallback", dataExchangeSetLogCallback(onLog, &addingLines), Success);
     result("dataExchangeSetSpoolFolder(NULL)", dataExchangeSetSpoolFolder(handle, 0), Success);
     {

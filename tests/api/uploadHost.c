@@ -81,6 +81,8 @@ static void setOption(dataExchangeLibraryImp* handle, const char* argument) {
         dataExchangeSetPackingThreads(handle, number);
     else if (strncmp(argument, "unicode=", 8) == 0)
         dataExchangeSetUnicodePaths(handle, number);
+    else if (strncmp(argument, "stream=", 7) == 0)
+        dataExchangeSetStreamingUpload(handle, number);
     else if (strncmp(argument, "then=", 5) == 0)
         secondPath = value;
     else if (strncmp(argument, "retries=", 8) == 0) /* retries=N:FIRST-DELAY-MS */
