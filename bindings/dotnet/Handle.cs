@@ -42,6 +42,7 @@ namespace DataExchange
         public Handle(bool verifiedDelivery = true, uint packingThreads = 0, bool unicodePaths = true,
                       uint retries = 2, string spoolFolder = null)
         {
+            Library.TakeLogLines();
             var message = new byte[1024];
             native = Native.dataExchangeInit(IntPtr.Zero, new UIntPtr((uint)message.Length), message);
             if (native.IsInvalid) {

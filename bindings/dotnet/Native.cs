@@ -27,6 +27,12 @@ namespace DataExchange
 
         internal delegate int Getter<T>(NativeHandle handle, byte[] name, uint which, out T value);
 
+        [UnmanagedFunctionPointer(Cdecl)]
+        internal delegate void LogCallback(uint level, IntPtr line, IntPtr context);
+
+        [DllImport(Library, CallingConvention = Cdecl)]
+        internal static extern int dataExchangeSetLogCallback(LogCallback callback, IntPtr context);
+
         [DllImport(Library, CallingConvention = Cdecl)]
         internal static extern NativeHandle dataExchangeInit(IntPtr reserved, UIntPtr errorBufferSize,
                                                              [Out] byte[] errorBuffer);

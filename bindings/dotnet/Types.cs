@@ -1,5 +1,8 @@
+// TraceSource.TraceEvent is compiled only where TRACE is defined.
+#define TRACE
 using System;
 using System.Collections.Generic;
+using System.Diagnostics;
 using System.Linq;
 
 namespace DataExchange
@@ -274,9 +277,46 @@ namespace DataExchange
         public string Message { get; }
     }
 
-    /// <summary>The identity of the loaded library.</summary>
+    /// <summary>The identity of the loaded library, and its log.</summary>
     public static class Library
     {
+        /// <summary>The library's log lines, once a handle was opened: what it does
+        /// ("Adding file a.csv", "Trying to move …") as <see cref="TraceEventType.Verbose"/>, a
+        /// file the zip writer could not pack as <see cref="TraceEventType.Warning"/>. They come
+        /// from the library's threads as well. Like every TraceSource it is off until a switch
+        /// level and a listener are given, in code or in the application's configuration file
+        /// (source name "DataExchange"); the library's own output (the debugger's, standard
+        /// error elsewhere) gets none of them meanwhile.</summary>
+        public static TraceSource Trace { get; } = new TraceSource("DataExchange");
+
+        // Kept for the process's whole life: the library may call it from any thread until it is
+        // taken back, which happens as the process exits, before the runtime goes.
+        private static Native.LogCallback logRelay;
+        private static readonly object logLock = new object();
+
+        internal static void TakeLogLines()
+        {
+            lock (logLock) {
+                if (logRelay != null)
+                    return;
+                logRelay = Relay;
+                Native.dataExchangeSetLogCallback(logRelay, IntPtr.Zero);
+                EventHandler giveBack = (sender, e) => Native.dataExchangeSetLogCallback(null, IntPtr.Zero);
+                AppDomain.CurrentDomain.ProcessExit += giveBack;
+                AppDomain.CurrentDomain.DomainUnload += giveBack;
+            }
+        }
+
+        private static void Relay(uint level, IntPtr line, IntPtr context)
+        {
+            try {
+                Trace.TraceEvent(level == 1 ? TraceEventType.Warning : TraceEventType.Verbose, 0,
+                                 Native.Text(line));
+            } catch {
+                // Nothing may reach native code; a listener that fails loses its line.
+            }
+        }
+
         /// <summary>"v2.0.0 (build time in seconds) build platform".</summary>
         public static string Version => Read("dataExchangeVersion", Native.dataExchangeVersion);
 

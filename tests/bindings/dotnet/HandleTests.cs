@@ -2,6 +2,7 @@
 // the binding adds, its marshalling, buffers, delegates, exceptions and disposal.
 using System;
 using System.Collections.Generic;
+using System.Diagnostics;
 using System.IO;
 using System.Linq;
 using System.Runtime.CompilerServices;
@@ -25,6 +26,19 @@ public class HandleTests
         public readonly List<UploadProgress> Reports = new List<UploadProgress>();
         public Action<UploadProgress> Act = _ => { };
         public void Report(UploadProgress value) { Reports.Add(value); Act(value); }
+    }
+
+    // The library's log lines as "<type> <line>", from whichever thread they come.
+    class Lines : TraceListener
+    {
+        public readonly List<string> Seen = new List<string>();
+        public override void TraceEvent(TraceEventCache cache, string source, TraceEventType type, int id, string message)
+        {
+            lock (Seen)
+                Seen.Add(type + " " + message);
+        }
+        public override void Write(string message) { }
+        public override void WriteLine(string message) { }
     }
 
     [SetUp]
@@ -180,9 +194,14 @@ public class HandleTests
     {
         string folder = Folder("Kalibrierung_Ø5_łódź", 70000, 30000);
         var recorder = new Recorder();
+        var lines = new Lines();
+        Library.Trace.Switch.Level = SourceLevels.All;
+        Library.Trace.Listeners.Add(lines);
         Delivery delivery;
         using (var handle = Precalibration(location))
             delivery = handle.Upload(folder, recorder);
+        Library.Trace.Listeners.Remove(lines);
+        CollectionAssert.IsSubsetOf(new[] { "Verbose Adding file part0.bin", "Verbose Adding file part1.bin" }, lines.Seen);
         Assert.AreEqual(location, delivery.Destination);
         StringAssert.EndsWith("precalibration_Kalibrierung_Ø5_łódź.zip", delivery.Name);
         if (location == Location.Server) {
