@@ -123,12 +123,8 @@ TEST_F(Packing, OnSeveralThreads) {
     for (int n = 0; n < 30; ++n)
         ASSERT_TRUE(dxtest::writeFile(mixed + QString("/m%1_\u00e4.csv").arg(n),
                                       mixedBytes(n % 10 ? n * 3000 : 0, n)));
-    QByteArray noise(300000, 0); // deflate cannot shrink it
-    quint32 state = 1;
-    for (char& c : noise)
-        c = char((state = state * 1103515245u + 12345u) >> 24);
     ASSERT_TRUE(dxtest::writeFile(mixed + "/large.bin", mixedBytes(9 << 20, 99)) &&
-                dxtest::writeFile(mixed + "/noise.dat", noise));
+                dxtest::writeFile(mixed + "/noise.dat", dxtest::randomBytes(300000)));
     const QByteArray big = mixedBytes(70 << 20, 7);
     ASSERT_TRUE(dxtest::writeFile(recording + "/run.bin", big) &&
                 dxtest::writeFile(recording + "/run.txt", "x"));
