@@ -8,6 +8,7 @@
 #ifndef _WIN32
 #include <signal.h>
 #include <sys/types.h>
+#include <unistd.h>
 #endif
 #ifdef _WIN32
 #include <windows.h>
@@ -23,7 +24,8 @@ static size_t nameSize = 512;
 static const char* secondPath = NULL;
 /* spooled=send or spooled=list: the spool's exports instead of an upload. */
 static const char* spooled = "";
-/* restart=PIDFILE: SIGHUP to that process once the upload has sent its first bytes. */
+/* restart=PIDFILE: SIGHUP to that process once the upload has sent its first bytes, then a
+ * second's pause in which the restart takes effect. */
 static const char* restartPidFile = NULL;
 
 static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint64_t total,
@@ -34,8 +36,9 @@ static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint6
     if (restartPidFile != NULL && stage == StageUpload && done > 0) {
         FILE* file = fopen(restartPidFile, "r");
         int pid = 0;
-        if (file != NULL && fscanf(file, "%d", &pid) == 1 && pid > 0)
-            kill(pid, SIGHUP);
+        /* The upload waits here until the restart has cut it, however fast it would be done. */
+        if (file != NULL && fscanf(file, "%d", &pid) == 1 && pid > 0 && kill(pid, SIGHUP) == 0)
+            sleep(1);
         if (file != NULL)
             fclose(file);
         restartPidFile = NULL;
