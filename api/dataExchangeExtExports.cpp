@@ -34,6 +34,17 @@ int32_t setSwitch(dataExchangeLibraryImp* handle, const char* subject, uint32_t 
     return setExtension(handle, [&](Extensions& e) { e.*member = enable == 1; });
 }
 
+// A bounded setting's result once `kept` was stored for `given`: "Retries are at most 20; 25 was
+// cropped". `subject` carries its verb, as for switches.
+int32_t cropped(dataExchangeLibraryImp* handle, int32_t result, const char* subject, uint32_t kept,
+                uint32_t given) {
+    if (result != Success || kept == given)
+        return result;
+    handle->appendError(std::string(subject) + " at most " + std::to_string(kept) + "; " +
+                        std::to_string(given) + " was cropped");
+    return ValueCropped;
+}
+
 } // namespace
 
 extern "C" {
@@ -81,11 +92,7 @@ dataExchangeSetPackingThreads(dataExchangeLibraryImp* handle, uint32_t threads) 
     using measurement::dataExchange::ParallelPacker;
     const uint32_t kept = std::min(threads, ParallelPacker::maximumThreads);
     const int32_t result = setExtension(handle, [&](Extensions& e) { e.packingThreads = kept; });
-    if (result != Success || kept == threads)
-        return result;
-    handle->appendError("Packing threads are at most " + std::to_string(kept) + "; " +
-                        std::to_string(threads) + " was cropped");
-    return ValueCropped;
+    return cropped(handle, result, "Packing threads are", kept, threads);
 }
 
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetCompression(
@@ -101,11 +108,7 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetCompression(
         e.compressionLevel = int32_t(kept);
         e.storeIncompressible = storeIncompressible == 1;
     });
-    if (result != Success || kept == level)
-        return result;
-    handle->appendError("Compression level is at most " + std::to_string(kept) + "; " +
-                        std::to_string(level) + " was cropped");
-    return ValueCropped;
+    return cropped(handle, result, "Compression level is", kept, level);
 }
 
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
@@ -122,11 +125,7 @@ DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL dataExchangeSetRetries(dataExchangeLi
         e.retries = kept;
         e.retryDelayMilliseconds = firstDelayMilliseconds;
     });
-    if (result != Success || kept == retries)
-        return result;
-    handle->appendError("Retries are at most " + std::to_string(kept) + "; " +
-                        std::to_string(retries) + " was cropped");
-    return ValueCropped;
+    return cropped(handle, result, "Retries are", kept, retries);
 }
 
 DATAEXCHANGE_API int32_t DATAEXCHANGE_CALL
