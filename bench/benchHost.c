@@ -86,6 +86,13 @@ int main(int argc, char** argv) {
         dataExchangeSetCompression(handle, (uint32_t)strtoul(setting, NULL, 10),
                                    strstr(setting, "+store") != NULL);
     }
+    /* BENCH_STREAMING=1: the upload request through libcurl (dataExchangeSetStreamingUpload). */
+    if (getenv("BENCH_STREAMING") != NULL && dataExchangeSetStreamingUpload(handle, 1) != Success) {
+        dataExchangeGetLastErrors(handle, sizeof errors, errors);
+        fprintf(stderr, "benchHost: streaming upload refused: %s", errors);
+        dataExchangeClose(&handle);
+        return 1;
+    }
     started = now();
     result = dataExchangeUploadData(handle, argv[2], sizeof name, name, &used);
     seconds = now() - started;

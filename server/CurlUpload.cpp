@@ -381,7 +381,7 @@ bool CurlUpload::post(const Request& request, Result& result) {
     curl().easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(total));
     curl().easy_setopt(e, CURLOPT_READFUNCTION, readBody);
     curl().easy_setopt(e, CURLOPT_READDATA, &body);
-    curl().easy_setopt(e, CURLOPT_UPLOAD_BUFFERSIZE, 2L * 1024 * 1024);
+    curl().easy_setopt(e, CURLOPT_UPLOAD_BUFFERSIZE, 512L * 1024);
     curl().easy_setopt(e, CURLOPT_HEADERFUNCTION, readHeader);
     curl().easy_setopt(e, CURLOPT_HEADERDATA, &answer);
     curl().easy_setopt(e, CURLOPT_WRITEFUNCTION, readAnswer);
