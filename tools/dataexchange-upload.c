@@ -189,6 +189,9 @@ static void printHelp(void) {
            "                   takes it by default: on Windows the ANSI code page, which\n"
            "                   cannot hold every name; without it PATH goes as UTF-8 and\n"
            "                   names of any characters work\n"
+           "  --no-streaming   post the data through Qt, as the library does by default;\n"
+           "                   without it the data streams from one thread through\n"
+           "                   libcurl where the library finds it\n"
            "  --spool=DIR      keep an item whose delivery still fails after the retries\n"
            "                   in the folder DIR, for a later --send-spooled\n"
            "  --spool          the same in the user's own spool folder:\n"
@@ -705,6 +708,7 @@ int main(int argc, char** argv) {
     char* ownSpool = NULL;
     int spoolOfUser = 0;
     int ansiPaths = 0;
+    int noStreaming = 0;
     int endOfFlags = 0;
     int removePackage = 0;
     int storeIncompressible = 0;
@@ -800,6 +804,10 @@ int main(int argc, char** argv) {
             ansiPaths = 1;
             continue;
         }
+        if (strcmp(arg, "--no-streaming") == 0) {
+            noStreaming = 1;
+            continue;
+        }
         if (strcmp(arg, "--verbose") == 0) {
             verbose = 1;
             continue;
@@ -893,6 +901,9 @@ int main(int argc, char** argv) {
     /* Any name reaches the file system unless --ansi-paths asks for the narrow encoding. */
     if (result == Success && !ansiPaths)
         result = dataExchangeSetUnicodePaths(handle, 1);
+    /* Streamed wherever the library has libcurl; without it, Qt posts as before. */
+    if (result == Success && !noStreaming && dataExchangeSetStreamingUpload(handle, 1) != Success)
+        dataExchangeGetLastErrors(handle, 0, NULL);
     if (result == Success && spoolFolder != NULL)
         result = dataExchangeSetSpoolFolder(handle, spoolFolder);
     if (result == Success) {

@@ -114,6 +114,8 @@ namespace DataExchange
         internal static extern int dataExchangeSetRetries(NativeHandle handle, uint retries,
                                                           uint firstDelayMilliseconds);
         [DllImport(Library, CallingConvention = Cdecl)]
+        internal static extern int dataExchangeSetStreamingUpload(NativeHandle handle, uint enable);
+        [DllImport(Library, CallingConvention = Cdecl)]
         internal static extern int dataExchangeSetSpoolFolder(NativeHandle handle, byte[] folder);
         [DllImport(Library, CallingConvention = Cdecl)]
         internal static extern int dataExchangeSendSpooled(NativeHandle handle, out uint delivered,
