@@ -212,6 +212,8 @@ bool ServerInteractor::uploadFile(const QString& filePath, QString& answer) {
 
 bool ServerInteractor::_streamUpload(const QString& filePath, const QByteArray& fileName,
                                      QString& answer) {
+    // Says in a support log which of the two ways the body went.
+    debugPrint("Streaming the upload through libcurl");
     CurlUpload::Request request;
     request.url = _scriptUrl(uploadScriptName);
     request.filePath = filePath;
