@@ -23,8 +23,10 @@ prefix=$("$root/scripts/windows-deps.sh" | tail -n1)
 echo "prefix: $prefix"
 
 step "configure"
+# The system's Python, whose setuptools, wheel and pip (Debian's) build the wheel for the zip.
 cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$prefix/toolchain-mingw-w64.cmake" \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON >/dev/null
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=ON \
+    -DPython3_EXECUTABLE="$(command -v /usr/bin/python3 || command -v python3)" >/dev/null
 
 step "build"
 cmake --build "$build" -j"$(nproc)"

@@ -1,5 +1,7 @@
 """The Python binding: test_dataexchange.py LIBRARY SHARE_ROOT SITE_SCRIPT [unittest arguments]"""
+import importlib.metadata
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -23,6 +25,15 @@ except dx.DataExchangeError:
 
 
 class BindingTest(unittest.TestCase):
+    def test_installed_version_is_the_librarys(self):
+        environment = dict(os.environ, LD_LIBRARY_PATH=os.path.dirname(  # found by the system
+            os.environ[dx.ENVIRONMENT_VARIABLE]))                       # loader, as installed
+        del environment[dx.ENVIRONMENT_VARIABLE]
+        shown = subprocess.run([sys.executable, "-m", "dataexchange", "--version"], check=True,
+                               capture_output=True, encoding="utf-8", env=environment).stdout
+        self.assertRegex(shown, r"^dataExchange v%s .+\nrevision [0-9a-f]{40}\n$" % re.escape(
+            importlib.metadata.version("dataexchange")))  # found only where the wheel installed it
+
     def test_log_lines_go_to_logging_and_none_to_stderr(self):
         folder = tempfile.mkdtemp()
         self.addCleanup(shutil.rmtree, folder)

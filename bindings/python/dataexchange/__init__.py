@@ -227,13 +227,21 @@ def use_logging(enabled: bool = True, library=None) -> None:
 
 def _system_name():
     if os.name == "nt":
+        # The Windows wheel carries the DLL, and every DLL it needs, in this package's folder.
+        package = os.path.dirname(os.path.abspath(__file__))
+        carried = os.path.join(package, "dataExchange.dll")
+        if os.path.exists(carried):
+            if carried not in _loaded:  # added once
+                _dll_directories.append(os.add_dll_directory(package))
+            return carried
         return "dataExchange.dll"
     return "libdataExchange.2.dylib" if sys.platform == "darwin" else "libdataExchange.so.2"
 
 
 def load(path=None, qt_dir=None) -> ctypes.CDLL:
-    """Loads the library from path, else from $DATAEXCHANGE_LIBRARY, else through the system
-    loader. qt_dir (Windows): the folder of the Qt and QuaZip DLLs, added to the DLL search."""
+    """Loads the library from path, else from $DATAEXCHANGE_LIBRARY, else the one a Windows wheel
+    carries, else through the system loader. qt_dir (Windows): the folder of the Qt and QuaZip
+    DLLs, added to the DLL search."""
     if qt_dir is not None and hasattr(os, "add_dll_directory"):
         _dll_directories.append(os.add_dll_directory(os.fspath(qt_dir)))
     path = os.fspath(path or os.environ.get(ENVIRONMENT_VARIABLE) or _system_name())
