@@ -1,12 +1,12 @@
-# The bindings as their users install them: the Python binding as a wheel (pip install). Included
-# after the install rules of everything else.
+# The bindings as their users install them: the Python binding as a wheel (pip install), the .NET
+# binding as a NuGet package. Included after the install rules of everything else.
 #
 # Linux: the pure wheel, which finds the installed library, is built with the library and
-# installed under share/dataExchange/python/. Windows: the win_amd64 wheel is made by the install
-# itself, from what it has put into bin/ by then, so that it carries every DLL shipped there; it
-# goes to python/ of the install and so of the win64 zip. The wheel needs the host's Python with
-# setuptools, wheel and pip (Debian's python3-setuptools, python3-wheel, python3-pip); pip builds
-# it offline.
+# installed under share/dataExchange/python/. Windows: the win_amd64 wheel and the .nupkg are made
+# by the install itself, from what it has put into bin/ by then, so that they carry every DLL
+# shipped there; they go to python/ and nuget/ (a folder NuGet takes as a local feed) of the
+# install and so of the win64 zip. The wheel needs the host's Python with setuptools, wheel and
+# pip (Debian's python3-setuptools, python3-wheel, python3-pip); pip builds it offline.
 find_package(Python3 COMPONENTS Interpreter)
 if(Python3_Interpreter_FOUND)
     execute_process(COMMAND ${Python3_EXECUTABLE} -c "import setuptools, wheel, pip"
@@ -49,4 +49,19 @@ if(NOT DATAEXCHANGE_NO_WHEEL)
         set(WORK \"${CMAKE_BINARY_DIR}/python/project\")
         set(OUTPUT \"${prefix}/python\")
         include(\"${PROJECT_SOURCE_DIR}/cmake/PythonWheel.cmake\")")
+endif()
+if(TARGET dataExchangeDotNet)
+    set(DATAEXCHANGE_REPOSITORY_URL "" CACHE STRING
+        "The source repository that the NuGet package names, if any")
+    install(CODE "set(ID DataExchange.Net)
+        set(SOURCE \"${PROJECT_SOURCE_DIR}/bindings/dotnet\")
+        set(VERSION ${PROJECT_VERSION})
+        set(BIN \"${prefix}/${CMAKE_INSTALL_BINDIR}\")
+        set(LICENSES \"${prefix}/licenses\")
+        set(REPOSITORY \"${DATAEXCHANGE_REPOSITORY_URL}\")
+        execute_process(COMMAND git rev-parse HEAD WORKING_DIRECTORY \"${PROJECT_SOURCE_DIR}\"
+            OUTPUT_VARIABLE COMMIT OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+        set(WORK \"${CMAKE_BINARY_DIR}/nuget/package\")
+        set(OUTPUT \"${prefix}/nuget\")
+        include(\"${PROJECT_SOURCE_DIR}/cmake/NuGetPackage.cmake\")")
 endif()
