@@ -50,26 +50,75 @@ step "imports of bin/"
 # own, Windows has not.
 windows_dlls=" advapi32 crypt32 dnsapi iphlpapi kernel32 mpr msvcrt netapi32 ole32 shell32 "
 windows_dlls+="user32 userenv version winmm ws2_32 "
+# closed FOLDER NAME...: what the named files of FOLDER import is in FOLDER or one of Windows' own.
+closed() {
+    local folder=$1 shipped
+    shift
+    shipped=$(printf '%s\n' "$@" | tr '[:upper:]' '[:lower:]')
+    imported=$(for name in "$@"; do
+        x86_64-w64-mingw32-objdump -p "$folder/$name" | sed -n 's/^\s*DLL Name: //p'
+    done | tr '[:upper:]' '[:lower:]' | sort -u)
+    from_windows=""
+    for dll in $imported; do
+        grep -qxF "$dll" <<<"$shipped" && continue
+        [[ $windows_dlls == *" ${dll%.dll} "* ]] ||
+            fail "$dll is imported, but neither in $folder nor one of Windows' own DLLs"
+        from_windows+=" $dll"
+    done
+}
 # The .NET binding is a managed assembly: no native file imports it, and it loads dataExchange.dll
 # by P/Invoke only.
 file -b "$package/bin/DataExchange.Net.dll" | grep -q 'Mono/.Net assembly' ||
     fail "bin/DataExchange.Net.dll is no .NET assembly"
 native=$(cd "$package/bin" && printf '%s\n' *.dll *.exe | grep -vxF DataExchange.Net.dll)
-shipped=$(tr '[:upper:]' '[:lower:]' <<<"$native")
-imported=$(for name in $native; do
-    x86_64-w64-mingw32-objdump -p "$package/bin/$name" | sed -n 's/^\s*DLL Name: //p'
-done | tr '[:upper:]' '[:lower:]' | sort -u)
-from_windows=""
-for dll in $imported; do
-    grep -qxF "$dll" <<<"$shipped" && continue
-    [[ $windows_dlls == *" ${dll%.dll} "* ]] ||
-        fail "$dll is imported, but neither in bin/ nor one of Windows' own DLLs"
-    from_windows+=" $dll"
-done
+# shellcheck disable=SC2086 # one name a word
+closed "$package/bin" $native
 while IFS= read -r dll; do
     grep -qxF "$dll" <<<"$imported" || fail "bin/$dll is imported by nothing in bin/"
-done < <(grep '\.dll$' <<<"$shipped")
+done < <(grep '\.dll$' <<<"$native" | tr '[:upper:]' '[:lower:]')
 echo "every DLL in bin/ is imported; from Windows:$from_windows"
+
+step "Python wheel and NuGet package"
+# Each carries every DLL of bin/ but the .NET assembly, in the folder its loader searches, where
+# what they import is found. pip installs the wheel for Windows into a folder; Mono's NuGet
+# installs the package from nuget/ as from a local feed, and a .NET Framework project that xbuild
+# builds against it gets every DLL of bin/ beside its program.
+"$root/scripts/deps.sh" nuget
+version=$(sed -n 's/^project(dataExchange VERSION \([0-9.]*\) .*/\1/p' "$root/CMakeLists.txt")
+python3 -m pip install --quiet --root-user-action=ignore --no-index --no-deps --only-binary=:all: \
+    --platform win_amd64 --target "$work/wheel" \
+    "$package/python/dataexchange-$version-py3-none-win_amd64.whl"
+HOME=$work nuget install DataExchange.Net -Source "$package/nuget" -OutputDirectory "$work" \
+    -NoCache -NonInteractive >/dev/null
+nuget="$work/DataExchange.Net.$version"
+dlls=$(grep '\.dll$' <<<"$native")
+for folder in "$work/wheel/dataexchange" "$nuget/runtimes/win-x64/native"; do
+    [ "$(cd "$folder" && ls -- *.dll)" = "$dlls" ] || fail "$folder does not hold the DLLs of bin/"
+    # shellcheck disable=SC2086
+    closed "$folder" $dlls
+done
+check "the .nuspec" "$(unzip -p "$package/nuget/DataExchange.Net.$version.nupkg" '*.nuspec')" \
+    "<id>DataExchange\.Net</id>" "<version>$version</version>" "<authors>[^<]+</authors>" \
+    '<license type="file">LICENSE\.txt</license>' "<description>[^<]+" \
+    '<repository type="git".* commit="[0-9a-f]{40}"'
+mkdir "$work/app"
+echo 'class App { static void Main() { System.Console.WriteLine(DataExchange.Library.Sha1); } }' \
+    >"$work/app/App.cs"
+cat >"$work/app/app.csproj" <<EOF
+<Project DefaultTargets="Build" xmlns="http://schemas.microsoft.com/developer/msbuild/2003">
+  <PropertyGroup><OutputType>Exe</OutputType><TargetFrameworkVersion>v4.5</TargetFrameworkVersion>
+    <OutputPath>out</OutputPath></PropertyGroup>
+  <ItemGroup><Compile Include="App.cs"/><Reference Include="DataExchange.Net">
+    <HintPath>$nuget/lib/net45/DataExchange.Net.dll</HintPath></Reference></ItemGroup>
+  <Import Project="\$(MSBuildToolsPath)/Microsoft.CSharp.targets"/>
+  <Import Project="$nuget/build/net45/DataExchange.Net.targets"/>
+</Project>
+EOF
+xbuild /nologo /verbosity:quiet "$work/app/app.csproj" >"$work/app/build.log" ||
+    fail "xbuild: $(cat "$work/app/build.log")"
+[ "$(cd "$work/app/out" && ls -- *.dll)" = "$(cd "$package/bin" && ls -- *.dll)" ] ||
+    fail "the .NET Framework program's folder does not hold the DLLs of bin/"
+(cd "$package" && stat -c '%n: %s bytes' python/*.whl nuget/*.nupkg)
 
 step "C host compiled against the zip"
 # The MSVC-style import library, as a Windows customer's host links it.
