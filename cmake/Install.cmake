@@ -55,9 +55,9 @@ set(CPACK_STRIP_FILES ON)
 # Windows: cpack -G ZIP in the build folder gives dataExchange-<version>-win64.zip, the install
 # tree under one top folder. Windows has no package manager to bring the run-time, so bin/ also
 # holds every DLL the library and the tool load: Qt 5 Core + Network, QuaZip, zlib, OpenSSL 3
-# (Qt Network loads libssl and libcrypto) and the MinGW C++ run-time, taken from the prefix of
-# the Qt found (the one scripts/windows-deps.sh builds, already stripped), with that prefix's
-# licence texts. Windows' own DLLs (KERNEL32, WS2_32, ...) are not shipped.
+# (Qt Network loads libssl and libcrypto), libcurl (the streaming upload) and the MinGW C++
+# run-time, taken from the prefix of the Qt found (the one scripts/windows-deps.sh builds, already
+# stripped), with that prefix's licence texts. Windows' own DLLs (KERNEL32, WS2_32, ...) are not shipped.
 if(WIN32)
     get_target_property(DATAEXCHANGE_QT5CORE_DLL Qt5::Core LOCATION)
     get_filename_component(DATAEXCHANGE_RUNTIME_DIR ${DATAEXCHANGE_QT5CORE_DLL} DIRECTORY)
@@ -68,6 +68,10 @@ if(WIN32)
         ${DATAEXCHANGE_RUNTIME_DIR}/libstdc++-6.dll ${DATAEXCHANGE_RUNTIME_DIR}/libgcc_s_seh-1.dll
         ${DATAEXCHANGE_RUNTIME_DIR}/libwinpthread-1.dll
         DESTINATION ${CMAKE_INSTALL_BINDIR})
+    # Loaded by the streaming upload when a host switches it on, from beside dataExchange.dll.
+    if(TARGET CURL::libcurl)
+        install(FILES $<TARGET_FILE:CURL::libcurl> DESTINATION ${CMAKE_INSTALL_BINDIR})
+    endif()
     install(FILES ${PROJECT_SOURCE_DIR}/docs/api.md DESTINATION docs)
     install(DIRECTORY ${DATAEXCHANGE_RUNTIME_PREFIX}/licenses/ DESTINATION licenses)
     set(CPACK_PACKAGE_NAME dataExchange)

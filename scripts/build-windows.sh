@@ -234,13 +234,25 @@ host app cal7 loc=2 threads=2
 check "folder on two threads" "$output" "^result=0$"
 cmp "$abi/https/storage/precalibration_cal7.zip" "$abi/https/storage/precalibration_cal7-1.zip" ||
     fail "folder on two threads: not the archive one thread packs"
+# The streaming upload (libcurl, loaded from beside the DLL) over HTTPS, trusting the same ROOT
+# store, then over HTTP; the same archive as Qt sent.
+host app cal7 loc=2 stream=1
+check "folder over HTTPS, streamed" "$output" "^result=0$" "^name=precalibration_cal7\.zip$"
+check "folder over HTTPS, streamed" "$debug" "^Streaming the upload through libcurl$"
+cmp "$abi/https/storage/precalibration_cal7.zip" "$abi/https/storage/precalibration_cal7-2.zip" ||
+    fail "folder over HTTPS, streamed: not the archive Qt sent"
+config "$abi/app" http http
+host app cal7/a.csv loc=2 stream=1
+check "file over HTTP, streamed" "$output" "^result=0$" "^name=precalibration_a\.csv$"
+cmp "$abi/data/cal7/a.csv" "$abi/http/storage/precalibration_a-1.csv" ||
+    fail "file over HTTP, streamed: not the file"
 # other\bin has no config.xml: the library looks in ..\data, that is other\data.
 mkdir -p "$abi/other/data"
 config "$abi/other/data" http http
 host other/bin cal7 loc=2
 check "config.xml in ..\\data" "$output" "^result=0$" "^location=2$"
 check "config.xml in ..\\data" "$debug" "^Found config file Z:.*/other/data/config\.xml$"
-echo "HTTP and HTTPS, folder and file, config.xml beside the .exe and in ..\\data: delivered"
+echo "HTTP and HTTPS, folder and file, streamed too, config.xml beside the .exe and in ..\\data: delivered"
 # A host that loads the DLL itself: after an upload, FreeLibrary removes the package's temporary
 # folder while the host still runs.
 cat >"$abi/unload.c" <<'EOF'

@@ -36,19 +36,19 @@ cleanup() {
 trap cleanup EXIT
 unzip -q "$zip" -d "$work"
 package="$work/$(basename "$zip" .zip)"
-for file in bin/dataExchange.dll bin/dataexchange-upload.exe bin/DataExchange.Net.dll \
+for file in bin/dataExchange.dll bin/libcurl.dll bin/dataexchange-upload.exe bin/DataExchange.Net.dll \
     bin/DataExchange.Net.xml include/dataExchange.h include/dataExchangeExt.h lib/dataExchange.lib \
     lib/libdataExchange.dll.a lib/dataExchange.def docs/api.md licenses/qtbase licenses/openssl \
-    licenses/quazip licenses/zlib licenses/gcc-runtime licenses/winpthreads; do
+    licenses/quazip licenses/curl licenses/zlib licenses/gcc-runtime licenses/winpthreads; do
     [ -e "$package/$file" ] || fail "the zip holds no $file"
 done
 echo "unpacked into $package"
 
 step "imports of bin/"
 # Every DLL that a program or DLL in bin/ imports is in bin/ or is one of Windows' own, and every
-# DLL in bin/ is imported. Checked here, not only under Wine: Debian's Wine has a zlib1.dll of its
-# own, Windows has not.
-windows_dlls=" advapi32 crypt32 dnsapi iphlpapi kernel32 mpr msvcrt netapi32 ole32 shell32 "
+# DLL in bin/ is imported, but libcurl, which the streaming upload loads when it is switched on.
+# Checked here, not only under Wine: Debian's Wine has a zlib1.dll of its own, Windows has not.
+windows_dlls=" advapi32 bcrypt crypt32 dnsapi iphlpapi kernel32 mpr msvcrt netapi32 ole32 shell32 "
 windows_dlls+="user32 userenv version winmm ws2_32 "
 # closed FOLDER NAME...: what the named files of FOLDER import is in FOLDER or one of Windows' own.
 closed() {
@@ -75,7 +75,7 @@ native=$(cd "$package/bin" && printf '%s\n' *.dll *.exe | grep -vxF DataExchange
 closed "$package/bin" $native
 while IFS= read -r dll; do
     grep -qxF "$dll" <<<"$imported" || fail "bin/$dll is imported by nothing in bin/"
-done < <(grep '\.dll$' <<<"$native" | tr '[:upper:]' '[:lower:]')
+done < <(grep '\.dll$' <<<"$native" | tr '[:upper:]' '[:lower:]' | grep -vxF libcurl.dll)
 echo "every DLL in bin/ is imported; from Windows:$from_windows"
 
 step "Python wheel and NuGet package"
@@ -169,6 +169,30 @@ check "--list-options" "$output" "${options[@]}"
 run exampleHost.exe exampleHost.exe
 echo "${output//$'\r'/}"
 check exampleHost.exe "$output" "^dataExchange v2\.[0-9]+\.[0-9]+ .*Windows" "${options[@]}"
+
+step "a host elsewhere loads the DLL by its path"
+# As Python's ctypes and .NET do: the program is not in bin/, and neither bin/ nor anything else
+# is on the search path; dataExchange.dll must find libcurl beside itself.
+cat >"$work/elsewhere.c" <<'EOF'
+#include <stdio.h>
+#include <windows.h>
+typedef void* (*Init)(void*, size_t, char*);
+typedef int (*Set)(void*, unsigned);
+int main(int argc, char** argv) { /* elsewhere.exe DLL: prints the streaming switch's result */
+    HMODULE dll = argc == 2 ? LoadLibraryExA(argv[1], NULL, LOAD_WITH_ALTERED_SEARCH_PATH) : NULL;
+    Init init = dll ? (Init)(void (*)(void))GetProcAddress(dll, "dataExchangeInit") : NULL;
+    Set set = dll ? (Set)(void (*)(void))GetProcAddress(dll, "dataExchangeSetStreamingUpload") : NULL;
+    void* handle = init && set ? init(NULL, 0, NULL) : NULL;
+    printf("streaming=%d\n", handle ? set(handle, 1) : -1);
+    return 0;
+}
+EOF
+mkdir -p "$work/elsewhere"
+x86_64-w64-mingw32-gcc-posix -Wall -Wextra -Werror "$work/elsewhere.c" -o "$work/elsewhere/elsewhere.exe"
+output=$(cd "$work/elsewhere" && wine elsewhere.exe "${bin_windows}dataExchange.dll" </dev/null 2>/dev/null) ||
+    fail "elsewhere.exe: status $?"
+echo "elsewhere.exe: ${output//$'\r'/}"
+check "the streaming upload, switched on from elsewhere" "$output" "^streaming=0$"
 
 step "MSVC-built host"
 # Built as an MSVC customer builds a host: compiled for the MSVC target and linked by lld-link

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Cross-builds the Windows (x86_64, MinGW-w64 with POSIX threads) dependencies of dataExchange from
 # Debian's source packages — OpenSSL 3 (libraries only), qtbase 5.15 (Core and Network, OpenSSL
-# linked), QuaZip 1.4 — adds Debian's MinGW zlib, the MinGW runtime DLLs and the licence texts, and
+# linked), QuaZip 1.4, libcurl 7.88 (HTTP and HTTPS only, on the same OpenSSL) — adds Debian's
+# MinGW zlib, the MinGW runtime DLLs and the licence texts, and
 # leaves it all in one prefix outside the clone. Nothing is downloaded but Debian packages.
 #
 # Usage:   prefix=$(scripts/windows-deps.sh | tail -n1)
@@ -16,12 +17,12 @@
 #                                     next run, which removes leftovers)
 #
 # Cache: the prefix is <cache>/windows-deps-<key>; <key> is the start of a SHA-256 over this script
-# and the exact versions used (the three source packages, the MinGW compiler and runtime packages,
+# and the exact versions used (the four source packages, the MinGW compiler and runtime packages,
 # Debian's MinGW zlib). Everything is built in a temporary folder beside it and renamed into place
 # at the very end, after the stamp file .windows-deps-stamp is written, so a prefix without a
 # matching stamp is never trusted. A later run with the same key reuses the prefix in seconds.
 #
-# Prefix layout: include/ lib/ (import libraries, lib/cmake/{Qt5*,QuaZip-Qt5-*}), mkspecs/,
+# Prefix layout: include/ lib/ (import libraries, lib/cmake/{Qt5*,QuaZip-Qt5-*,CURL}), mkspecs/,
 # bin/ (Linux host tools qmake, moc, rcc, and every Windows DLL a program built against the prefix
 # needs at run time), licenses/<component>/, toolchain-mingw-w64.cmake (a CMake toolchain for
 # consumers: posix compilers, the prefix on CMAKE_FIND_ROOT_PATH and CMAKE_PREFIX_PATH).
@@ -42,7 +43,7 @@ cache=${DATAEXCHANGE_WINDOWS_DEPS_CACHE:-$HOME/.cache/dataExchange}
 jobs=${DATAEXCHANGE_WINDOWS_DEPS_JOBS:-$(nproc)}
 triplet=x86_64-w64-mingw32
 # Source package names differ from the upstream names (there is no source package "quazip").
-sources=(openssl qtbase-opensource-src libquazip1-qt5)
+sources=(openssl qtbase-opensource-src libquazip1-qt5 curl)
 # Binary packages whose files end up in the prefix (runtime DLLs, zlib); their versions join the key.
 binaries=(gcc-mingw-w64-x86-64-posix-runtime mingw-w64-x86-64-dev libz-mingw-w64 libz-mingw-w64-dev)
 # OpenSSL bakes these into libcrypto. Folders only administrators may write to, as in OpenSSL's own
@@ -282,6 +283,23 @@ build_quazip() {
     DESTDIR="$tmp/root" cmake --install "$tmp/build/quazip"
 }
 
+# libcurl for the streaming upload, which loads it at run time. HTTP and HTTPS alone: the library
+# speaks nothing else, and every other protocol or optional dependency would be one more DLL to
+# ship and keep patched. OpenSSL is Qt's; its configuration file is not read, as Qt does not.
+build_curl() {
+    # The toolchain file is the one build_quazip wrote.
+    cmake -S "$tmp/src/curl" -B "$tmp/build/curl" -DCMAKE_TOOLCHAIN_FILE="$tmp/build/toolchain.cmake" \
+        -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$prefix" -DBUILD_SHARED_LIBS=ON \
+        -DHTTP_ONLY=ON -DBUILD_CURL_EXE=OFF -DBUILD_TESTING=OFF -DENABLE_MANUAL=OFF \
+        -DPICKY_COMPILER=OFF -DCURL_USE_OPENSSL=ON -DCURL_DISABLE_OPENSSL_AUTO_LOAD_CONFIG=ON \
+        -DCURL_USE_LIBSSH2=OFF -DCURL_USE_LIBPSL=OFF -DUSE_LIBIDN2=OFF -DCURL_ZLIB=OFF \
+        -DCURL_DISABLE_LDAP=ON -DCURL_CA_BUNDLE=none -DCURL_CA_PATH=none
+    cmake --build "$tmp/build/curl" -j"$jobs"
+    DESTDIR="$tmp/root" cmake --install "$tmp/build/curl"
+    # A shell script for Unix builds; nothing here runs it.
+    rm -f "$stage/bin/curl-config"
+}
+
 gather_runtime() {
     local dll f
     for dll in libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll; do
@@ -308,15 +326,17 @@ gather_runtime() {
 
 gather_licences() {
     local l="$stage/licenses" s="$tmp/src"
-    mkdir -p "$l"/{openssl,qtbase,quazip,zlib,gcc-runtime,winpthreads}
+    mkdir -p "$l"/{openssl,qtbase,quazip,curl,zlib,gcc-runtime,winpthreads}
     cp "$s/openssl/LICENSE.txt" "$l/openssl/"
     cp "$s"/qtbase-opensource-src/LICENSE.{LGPL3,LGPLv3,GPL2,GPL3,GPL3-EXCEPT} "$l/qtbase/"
     cp "$s/libquazip1-qt5/COPYING" "$l/quazip/"
+    cp "$s/curl/COPYING" "$l/curl/"
     # Debian's copyright files name the parts bundled inside (e.g. PCRE2 and double-conversion in
     # Qt5Core) and their licences.
     cp "$s/openssl/debian/copyright" "$l/openssl/debian-copyright"
     cp "$s/qtbase-opensource-src/debian/copyright" "$l/qtbase/debian-copyright"
     cp "$s/libquazip1-qt5/debian/copyright" "$l/quazip/debian-copyright"
+    cp "$s/curl/debian/copyright" "$l/curl/debian-copyright"
     # The binary packages' own copyright files: zlib's licence, the GCC runtime library exception
     # (libstdc++, libgcc_s), winpthreads' licence.
     local component dll f pkg
@@ -400,6 +420,7 @@ else
     step qtbase-build build_qtbase
     step qtbase-install install_qtbase
     step quazip build_quazip
+    step curl build_curl
     step runtime gather_runtime
     step licenses gather_licences
     step finish finish_prefix

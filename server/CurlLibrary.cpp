@@ -1,5 +1,7 @@
 #include "server/CurlLibrary.h"
 
+#include "System.h"
+
 #include <QLibrary>
 #include <QStringList>
 
@@ -28,7 +30,13 @@ template <typename Function> bool resolve(QLibrary* library, const char* name, F
 
 bool loadInto(CurlLibrary& l) {
 #ifdef _WIN32
-    QLibrary* curl = load({"libcurl-4", "libcurl"});
+    // Beside dataExchange.dll first, where the win64 zip and the packages put it: a host such as
+    // python.exe lives elsewhere, and loading by name searches the program's folder and PATH.
+    const QString beside = QString::fromStdString(System::libraryFolder());
+    QStringList curlNames{"libcurl", "libcurl-4"};
+    if (!beside.isEmpty())
+        curlNames = QStringList{beside + "/libcurl.dll", beside + "/libcurl-4.dll"} + curlNames;
+    QLibrary* curl = load(curlNames);
     QLibrary* ssl = load({"libssl-3-x64"});
     QLibrary* crypto = load({"libcrypto-3-x64"});
 #else

@@ -52,6 +52,10 @@ public:
     // Appends the tree below `directory` in pre-order (a folder before its contents); symbolic
     // links are entries, never followed. `nested` is informational only.
     static bool findFiles(const std::string& directory, bool nested, std::list<FileEntry>& entries);
+    // The folder of the file this library was loaded from, as UTF-8 with forward slashes; "" where
+    // the system does not tell. Where a DLL it loads itself ships beside it: a host's program
+    // and its search path may be elsewhere.
+    static std::string libraryFolder();
 
     // Appended to under temporaryFoldersMutex; read without it only once no upload can run
     // (at unload, or in a test after its uploads returned).

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -163,6 +164,16 @@ struct PosixFiles {
 
 bool System::removeDirectoryRecursively(const std::string& path) {
     return platform::removeTree<PosixFiles>(path);
+}
+
+std::string System::libraryFolder() {
+    static const char inThisLibrary = 0;
+    Dl_info info;
+    if (dladdr(&inThisLibrary, &info) == 0 || info.dli_fname == nullptr)
+        return {};
+    const std::string path = info.dli_fname;
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
 }
 
 } // namespace measurement

@@ -139,4 +139,29 @@ bool System::removeDirectoryRecursively(const std::string& path) {
     return platform::removeTree<AnsiFiles>(path);
 }
 
+std::string System::libraryFolder() {
+    static const char inThisModule = 0;
+    HMODULE module = nullptr;
+    if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
+                                GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                            reinterpret_cast<LPCWSTR>(&inThisModule), &module))
+        return {};
+    // 32,767 characters is the longest path Windows has; a shorter buffer reports truncation.
+    std::wstring path(32768, L'\0');
+    const DWORD length = GetModuleFileNameW(module, path.data(), DWORD(path.size()));
+    if (length == 0 || length >= path.size())
+        return {};
+    const size_t slash = path.find_last_of(L"\\/", length);
+    path.resize(slash == std::wstring::npos ? 0 : slash);
+    const int size = WideCharToMultiByte(CP_UTF8, 0, path.data(), int(path.size()), nullptr, 0,
+                                         nullptr, nullptr);
+    std::string folder(size_t(size > 0 ? size : 0), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, path.data(), int(path.size()), folder.data(), size, nullptr,
+                        nullptr);
+    for (char& c : folder)
+        if (c == '\\')
+            c = '/';
+    return folder;
+}
+
 } // namespace measurement
