@@ -92,6 +92,9 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The streaming upload loads libcurl and OpenSSL when a host switches it on (the tool does by
+# default, and falls back to Qt without them), so dpkg-shlibdeps cannot see them.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libcurl4, libssl3")
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

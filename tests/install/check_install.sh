@@ -28,4 +28,5 @@ else
         case $depends in *"$needed"*) ;; *) exit 1 ;; esac
     done
     dpkg-deb -c "$deb" | grep -q ' ./usr/lib/libdataExchange.so.2 -> '
+    dpkg-deb -f "$deb" Recommends | grep -q libcurl4
 fi
