@@ -13,6 +13,12 @@
  * exits 0; otherwise prints the library's messages on standard error and exits 1. The server
  * route reads config.xml beside this program. --version prints the library's version and source
  * revision.
+ *
+ * Further lines on request, after the first: BENCH_STAGES=1 sets a progress callback and prints
+ * "stage upload <seconds>", from the upload stage's first call to the job request's first call
+ * (the request alone: no packing, no copy, no job request); BENCH_RSS=1 prints "rss <KiB after
+ * dataExchangeInit> <KiB after the settings> <peak KiB>" from /proc/self/status, where the
+ * second tells what loading libcurl for the streaming upload cost.
  */
 #define _POSIX_C_SOURCE 200809L /* clock_gettime */
 
@@ -27,6 +33,37 @@ static double now(void) {
     struct timespec t;
     clock_gettime(CLOCK_MONOTONIC, &t);
     return (double)t.tv_sec + (double)t.tv_nsec * 1e-9;
+}
+
+/* When each stage was first reported, 0 for a stage not seen. */
+static double stageSeen[StageRetryWait + 1];
+
+static int32_t DATAEXCHANGE_CALL onProgress(uint32_t stage, uint64_t done, uint64_t total,
+                                            void* context) {
+    (void)done;
+    (void)total;
+    (void)context;
+    if (stage <= StageRetryWait && stageSeen[stage] == 0.0)
+        stageSeen[stage] = now();
+    return 0;
+}
+
+/* A field of /proc/self/status in KiB ("VmRSS", "VmHWM"); -1 where there is none. */
+static long statusKiB(const char* field) {
+    char line[256];
+    long value = -1;
+    size_t length = strlen(field);
+    FILE* status = fopen("/proc/self/status", "r");
+    if (status == NULL)
+        return -1;
+    while (fgets(line, sizeof line, status) != NULL) {
+        if (strncmp(line, field, length) == 0 && line[length] == ':') {
+            value = strtol(line + length + 1, NULL, 10);
+            break;
+        }
+    }
+    fclose(status);
+    return value;
 }
 
 /* A thread count is digits only: strtoul would take "-1" or "2x" and hand the library a count
@@ -49,6 +86,7 @@ int main(int argc, char** argv) {
     uint32_t used = 0, threads = 1;
     int32_t result;
     double started, seconds;
+    long rssInit, rssSet;
     dataExchangeLibraryImp* handle;
     if (argc == 2 && strcmp(argv[1], "--version") == 0) {
         char version[256], revision[41];
@@ -67,6 +105,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "benchHost: %s\n", errors);
         return 1;
     }
+    rssInit = statusKiB("VmRSS");
     dataExchangeSetInt32Option(handle, "Device type", 0);
     dataExchangeSetInt32Option(handle, "Data type", Precalibration);
     dataExchangeSetUint64Option(handle, "Serial number", 4711);
@@ -93,6 +132,9 @@ int main(int argc, char** argv) {
         dataExchangeClose(&handle);
         return 1;
     }
+    if (getenv("BENCH_STAGES") != NULL)
+        dataExchangeSetProgressCallback(handle, onProgress, NULL);
+    rssSet = statusKiB("VmRSS");
     started = now();
     result = dataExchangeUploadData(handle, argv[2], sizeof name, name, &used);
     seconds = now() - started;
@@ -103,6 +145,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     printf("%.6f %u %s\n", seconds, (unsigned)used, name);
+    if (getenv("BENCH_STAGES") != NULL && stageSeen[StageUpload] != 0.0 &&
+        stageSeen[StageJobRequest] != 0.0)
+        printf("stage upload %.6f\n", stageSeen[StageJobRequest] - stageSeen[StageUpload]);
+    if (getenv("BENCH_RSS") != NULL)
+        printf("rss %ld %ld %ld\n", rssInit, rssSet, statusKiB("VmHWM"));
     dataExchangeClose(&handle);
     return 0;
 }
