@@ -336,8 +336,12 @@ class Bench:
         r.archive = archive
         return r
 
-    def curl(self, path):
-        return self.run(["curl", "-sS", "-f", "-o", "/dev/null", "-F", f"file=@{path}", self.url])
+    def curl(self, path, url=None, wrap=()):
+        """curl -F in a fresh process; r.stage = curl's own time_total (no process start)."""
+        r = self.run(list(wrap) + ["curl", "-sS", "-f", "-o", "/dev/null", "-w", "%{time_total}",
+                                   "-F", f"file=@{path}", url or self.url])
+        r.stage = float(r.out)
+        return r
 
     def seven_zip(self, folder, level):
         """7-Zip's zip with deflate on two threads (7-Zip gives each thread files of its own)."""
@@ -431,7 +435,7 @@ class Bench:
         size = self.size_of(path)
 
         def lib(streamed=False):
-            return self.library(2, path, streamed=streamed, env=["BENCH_RSS=1"])
+            return self.library(2, path, streamed=streamed, env=["BENCH_RSS=1", "BENCH_STAGES=1"])
 
         def copy():
             # Location 1 on the same file: the copy into the temporary folder and a rename,
@@ -449,6 +453,9 @@ class Bench:
                                       "library, streamed": lambda: lib(streamed=True)})
         wall = {k: self.median(v) for k, v in runs.items()}
         cpu = {k: statistics.median(r.cpu for r in v) for k, v in runs.items()}
+        # The request alone: the library's upload stage, curl's time_total.
+        stage = {k: self.median(runs[k], "stage") for k in ("library", "curl",
+                                                             "library, streamed")}
         ratio = wall["curl"] / wall["library"]
         net = max(wall["library"] - wall["copy only"], 1e-3)
         mib = size / MIB
@@ -459,7 +466,9 @@ class Bench:
                     f"(of it {wall['copy only']:.2f} s copying into the temporary folder; "
                     f"transfer and job alone ~{mib / net:.0f} MiB/s)",
             "against": f"curl -F: {wall['curl']:.2f} s, {mib / wall['curl']:.0f} MiB/s",
-            "figure": f"throughput ratio {ratio:.2f} (transfer alone {wall['curl'] / net:.2f})",
+            "figure": f"throughput ratio {ratio:.2f} (transfer alone {wall['curl'] / net:.2f}; "
+                      f"upload stage {stage['library']:.2f} s against curl's "
+                      f"{stage['curl']:.2f} s: {stage['curl'] / stage['library']:.2f})",
             "target": f">= {UPLOAD_TARGET} of curl",
             "met": met,
             "why": ("the library's time includes the copy of the file into its temporary "
@@ -472,26 +481,36 @@ class Bench:
                     "folder adds the rest. See the upload profile"),
             "runs": {k: runs[k] for k in ("library", "curl", "copy only")},
         })
-        streamed = wall["curl"] / wall["library, streamed"]
-        streamed_net = max(wall["library, streamed"] - wall["copy only"], 1e-3)
+        # Judged on the transfer, as the rows above: the upload stage's rate against curl's, and
+        # the CPU without the copy into the temporary folder (the copy-only runs' CPU).
+        fast = runs["library, streamed"]
+        rate = stage["curl"] / stage["library, streamed"]
+        each = [c.stage / r.stage for r, c in zip(fast, runs["curl"])]
         cpu_ratio = cpu["library, streamed"] / max(cpu["curl"], 1e-3)
-        # The copy's CPU taken out, as its time is for the transfer rate.
-        cpu_net = max(cpu["library, streamed"] - cpu["copy only"], 1e-3) / max(cpu["curl"], 1e-3)
-        met = streamed_net <= wall["curl"] / STREAMED_UPLOAD_TARGET and cpu_ratio <= STREAMED_CPU_TARGET
+        sending = max(cpu["library, streamed"] - cpu["copy only"], 1e-3)
+        cpu_net = sending / max(cpu["curl"], 1e-3)
+        met = rate >= STREAMED_UPLOAD_TARGET and cpu_net <= STREAMED_CPU_TARGET
         self.rows.append({
             "what": f"upload of one file ({mib:.0f} MiB, server route), streamed through libcurl",
-            "ours": f"{wall['library, streamed']:.2f} s, {mib / wall['library, streamed']:.0f} MiB/s "
-                    f"(transfer and job alone ~{mib / streamed_net:.0f} MiB/s), CPU "
-                    f"{cpu['library, streamed']:.2f} s",
-            "against": f"curl -F: {wall['curl']:.2f} s, CPU {cpu['curl']:.2f} s",
-            "figure": f"throughput ratio {streamed:.2f} (transfer alone "
-                      f"{wall['curl'] / streamed_net:.2f}), CPU {cpu_ratio:.2f}x curl's "
-                      f"(the copy's CPU taken out: {cpu_net:.2f}x)",
-            "target": f"transfer >= {STREAMED_UPLOAD_TARGET} of curl, CPU <= "
+            "ours": f"upload stage {stage['library, streamed']:.2f} s, "
+                    f"{mib / stage['library, streamed']:.0f} MiB/s; whole call "
+                    f"{wall['library, streamed']:.2f} s with the copy and the job request; CPU "
+                    f"{cpu['library, streamed']:.2f} s (the copy-only run's "
+                    f"{cpu['copy only']:.2f} s)",
+            "against": f"curl -F: {stage['curl']:.2f} s ({mib / stage['curl']:.0f} MiB/s), "
+                       f"CPU {cpu['curl']:.2f} s",
+            "figure": f"upload stage rate {rate:.2f} of curl's (per repetition {min(each):.2f}-"
+                      f"{max(each):.2f}); CPU {cpu_net:.2f}x curl's without the copy, "
+                      f"{cpu_ratio:.2f}x with it; whole route "
+                      f"{wall['curl'] / wall['library, streamed']:.2f} of curl's throughput",
+            "target": f"rate >= {STREAMED_UPLOAD_TARGET} of curl's, CPU <= "
                       f"{STREAMED_CPU_TARGET}x",
             "met": met,
-            "why": "the library's time also holds the copy into its temporary folder and the "
-                   "job request, which curl -F does not do",
+            "why": ("the body goes from the calling thread into the socket in large writes, as "
+                    "curl's; the whole route also copies the file into the temporary folder and "
+                    "sends the job request, which curl -F does not do" if met else
+                    f"the stage kept the process {sending / stage['library, streamed']:.2f} "
+                    "cores busy: the rest of its time it waited on the site or the shared cores"),
             "runs": {"library, streamed": runs["library, streamed"]},
         })
         self.streamed_rss_row(mib, runs["library"], runs["library, streamed"])

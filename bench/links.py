@@ -160,9 +160,7 @@ class Links:
         inside = ["ip", "netns", "exec", self.client]
 
         def curl():
-            r = self.b.run(inside + ["curl", "-sS", "-f", "-o", "/dev/null", "-w",
-                                     "%{time_total}", "-F", f"file=@{path}", self.url])
-            r.stage = float(r.out)
+            r = self.b.curl(path, self.url, wrap=inside)
             self.stored(size)
             return r
 
