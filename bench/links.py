@@ -226,42 +226,42 @@ class Links:
             each = [r.stage / c.stage for r, c in zip(runs[key], runs["curl -F"])]
             met = None if target is None else ratio <= target
             cpu = statistics.median(r.cpu for r in runs[key])
+            curl_cpu = statistics.median(r.cpu for r in runs["curl -F"])
             result.append({
-                "what": f"upload stage over a shaped {rate} link, {mib:.0f} MiB, {key} "
-                        "(Apache + PHP site)",
+                "what": f"upload stage, {mib:.0f} MiB over a shaped {rate} link to the Apache "
+                        f"+ PHP site, {key}",
                 "ours": f"{stage:.2f} s, {mib / stage:.0f} MiB/s; process CPU {cpu:.2f} s "
                         "(with the copy and the job request)",
-                "against": f"curl -F: {curl:.2f} s, {mib / curl:.0f} MiB/s, CPU "
-                           f"{statistics.median(r.cpu for r in runs['curl -F']):.2f} s; the "
-                           f"link's rate alone: {ideal:.2f} s",
+                "against": f"curl -F: {curl:.2f} s, {mib / curl:.0f} MiB/s, CPU {curl_cpu:.2f} "
+                           f"s; the file's bytes alone at the link's rate: {ideal:.2f} s",
                 "figure": f"time ratio {ratio:.3f} (per repetition {min(each):.3f}-"
                           f"{max(each):.3f}); curl at {ideal / curl:.2f} of the link's rate "
                           f"(at most {PAYLOAD_SHARE:.2f} carries the request)",
                 "target": "none (reference)" if target is None else
                           f"<= {target:.2f} of curl's time",
                 "met": met,
-                "why": self.why(key, ratio, target, stage, curl, ideal, cpu),
+                "why": self.why(ratio, target, stage, curl, ideal, cpu, curl_cpu),
                 "runs": {},
             })
         return result
 
     @staticmethod
-    def why(key, ratio, target, stage, curl, ideal, cpu):
-        busy = cpu / stage
+    def why(ratio, target, stage, curl, ideal, cpu, curl_cpu):
+        carried = ideal / PAYLOAD_SHARE  # the least time the link allows for the request
         if target is None and ratio <= LINK_TARGET:
-            return ("the default transport, for comparison: the link sets its pace too, its own "
-                    "cap (16 KiB pieces handed between two threads) lies above this rate")
+            return ("the default transport, for comparison: the link sets its pace too; Qt's "
+                    "own cap (16 KiB pieces handed between two threads) lies above this rate")
         if target is None:
             return ("the default transport, for comparison: Qt hands the body between two "
                     "threads 16 KiB at a time, which caps its rate below this link's on these "
-                    f"shared cores (the process kept {busy:.2f} cores busy over its stage, "
-                    "packing copy and job request included)")
+                    f"two shared cores (process CPU {cpu:.2f} s, copy included, against curl's "
+                    f"{curl_cpu:.2f} s)")
         if ratio <= target:
-            return ("both send from one thread in large writes; the link's tokens, not the "
-                    "sender, set the pace")
-        return (f"{stage - curl:.2f} s more than curl; curl itself reached {ideal / curl:.2f} of "
-                "the link's rate, so the PHP site's parsing or the shared cores hold both back; "
-                f"the library's process kept {busy:.2f} cores busy over its stage")
+            return ("both send from one thread in large writes, so the link's tokens set the "
+                    f"pace: curl took {curl / carried:.3f} of the least time the link allows")
+        return (f"{stage - curl:.2f} s more than curl, which took {curl / carried:.3f} of the "
+                f"least time the link allows: the sending side is slower (process CPU "
+                f"{cpu:.2f} s, copy included, against curl's {curl_cpu:.2f} s)")
 
     def machine(self, bursts, load_start, load_end):
         def first(command):
