@@ -1255,9 +1255,9 @@ class Bench:
             if name not in sections:
                 order.append(name)
             sections[name] = body
-        preferred = ["Machine", "Results", "Shaped links", "Parallel packing", "Once-off runs",
-                     "Once-off runs: findings", "Upload profile: findings",
-                     "Upload profile: measurements"]
+        preferred = ["Machine", "Results", "Shaped links", "Streaming upload: findings",
+                     "Parallel packing", "Once-off runs", "Once-off runs: findings",
+                     "Upload profile: findings", "Upload profile: measurements"]
         order = [n for n in preferred if n in sections] + [n for n in order if n not in preferred]
         text = ["# Benchmarks", "",
                 "Written by `bench/run.sh`; the sections it did not run this time are kept from "
