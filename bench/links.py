@@ -98,26 +98,16 @@ class Links:
         return burst
 
     def start_site(self):
-        """php-site.sh in the server's namespace. It listens on 127.0.0.1, which there is the
-        namespace's own; its Apache configuration is bound over with one that listens on every
-        address of the namespace, inside the mount namespace that ip netns exec makes for this
-        process alone, so the checkout's file stays as it is."""
+        """php-site.sh in the server's namespace, listening on the server's address there."""
         php = self.args.source / "tools" / "processing-site" / "php"
-        conf = (php / "apache.conf").read_text()
-        listening = conf.replace("Listen 127.0.0.1:${DX_PORT}", "Listen ${DX_PORT}")
-        if listening == conf:
-            raise SystemExit(f"{php / 'apache.conf'} has no 'Listen 127.0.0.1:${{DX_PORT}}' line")
-        own = self.work / "apache.conf"
-        own.write_text(listening)
         shutil.rmtree(self.site_root, ignore_errors=True)
         self.site_root.mkdir(parents=True)
         # PHP's limits above the file, Apache's body limit off (php-site.sh's default).
         limit = f"{self.args.links_mb + 64}M"
         self.site = subprocess.Popen(
-            ["ip", "netns", "exec", self.server, "sh", "-c",
-             'mount --bind "$1" "$2" && shift 2 && exec "$@"', "sh", str(own),
-             str(php / "apache.conf"), str(php / "php-site.sh"), "--root", str(self.site_root),
-             "--post-max-size", limit, "--upload-max-filesize", limit, "--watch-stdin"],
+            ["ip", "netns", "exec", self.server, str(php / "php-site.sh"), "--root",
+             str(self.site_root), "--listen", SERVER, "--post-max-size", limit,
+             "--upload-max-filesize", limit, "--watch-stdin"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         port = self.site.stdout.readline().strip()
         if not port.isdigit():

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # The PHP processing site: uploadFile.php and pushJob.php served by an Apache instance of its own
-# (Debian's apache2 and libapache2-mod-php) on a free port of 127.0.0.1. Its configuration, pid
+# (Debian's apache2 and libapache2-mod-php) on a free port of 127.0.0.1 (or of --listen ADDR, an
+# address of a network namespace the caller made, say). Its configuration, pid
 # file, logs, storage/ and jobs.jsonl live in the --root folder; the system's Apache is untouched.
 #
-#   php-site.sh --root DIR [--post-max-size SIZE] [--upload-max-filesize SIZE]
+#   php-site.sh --root DIR [--listen ADDR] [--post-max-size SIZE] [--upload-max-filesize SIZE]
 #               [--limit-request-body BYTES] [--job-status CODE] [--answer-line-break]
 #               [--answer notice|html-notice|html|long]
 #               [--cert PEM --key KEY] [--watch-stdin]
@@ -17,11 +18,12 @@
 set -euo pipefail
 scripts=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 export DX_POST_MAX_SIZE=8M DX_UPLOAD_MAX_FILESIZE=2M DX_LIMIT_REQUEST_BODY=0 DX_JOB_STATUS=0 \
-    DX_LINE_BREAK=0 DX_ANSWER=name DX_DISPLAY_ERRORS=off DX_HTML_ERRORS=off
+    DX_LINE_BREAK=0 DX_ANSWER=name DX_DISPLAY_ERRORS=off DX_HTML_ERRORS=off DX_ADDRESS=127.0.0.1
 root="" cert="" key="" watch=0
 while (($#)); do
     case $1 in
     --root) root=$2 ;;
+    --listen) DX_ADDRESS=$2 ;;
     --post-max-size) DX_POST_MAX_SIZE=$2 ;;
     --upload-max-filesize) DX_UPLOAD_MAX_FILESIZE=$2 ;;
     --limit-request-body) DX_LIMIT_REQUEST_BODY=$2 ;;
@@ -62,7 +64,7 @@ if [ -n "$cert" ]; then
 else
     : >"$root/tls.conf"
 fi
-DX_PORT=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+DX_PORT=$(python3 -c 'import socket, sys; s = socket.socket(); s.bind((sys.argv[1], 0)); print(s.getsockname()[1])' "$DX_ADDRESS")
 
 stop() {
     [ -s "$root/apache.pid" ] && kill "$(cat "$root/apache.pid")" 2>/dev/null || true
@@ -73,10 +75,10 @@ trap 'exit 0' TERM INT
 # A session of its own: on stopping, Apache signals its whole process group.
 setsid /usr/sbin/apache2 -f "$scripts/apache.conf" -D FOREGROUND &
 for _ in $(seq 100); do
-    (exec 3<>"/dev/tcp/127.0.0.1/$DX_PORT") 2>/dev/null && break
+    (exec 3<>"/dev/tcp/$DX_ADDRESS/$DX_PORT") 2>/dev/null && break
     sleep 0.1
 done
-(exec 3<>"/dev/tcp/127.0.0.1/$DX_PORT") 2>/dev/null || {
+(exec 3<>"/dev/tcp/$DX_ADDRESS/$DX_PORT") 2>/dev/null || {
     echo "php-site.sh: Apache did not start; $root/error.log:" >&2
     tail -n 20 "$root/error.log" >&2 || true
     exit 1
