@@ -1,9 +1,10 @@
 # Builds the .NET binding's NuGet package ID.VERSION.nupkg into OUTPUT from a Windows install: the
 # assembly ID.dll of BIN with its documentation under lib/net45/, every other DLL of BIN under
 # runtimes/win-x64/native/, ID.targets of SOURCE under build/net45/, the licence texts of LICENSES,
-# and ID.nuspec made from SOURCE's template. net45, as the assembly is a .NET Framework 4.5 one
-# (built against those reference assemblies alone, no netstandard.dll): .NET Framework projects
-# take it as it is, .NET 6+ ones through NuGet's .NET Framework fallback, and both load it.
+# and ID.nuspec made from package-metadata.xml.in of SOURCE. net45, as the assembly is a .NET
+# Framework 4.5 one (built against those reference assemblies alone, no netstandard.dll): .NET
+# Framework projects take it as it is, .NET 6+ ones through NuGet's .NET Framework fallback, and
+# both load it.
 # A .nupkg is a zip in the Open Packaging Conventions: the parts' types listed in
 # [Content_Types].xml, the manifest and the core properties named by _rels/.rels. The staging
 # folder is WORK; REPOSITORY and COMMIT (optional) name the source. Run with cmake -P, or
@@ -28,7 +29,8 @@ endif()
 if(COMMIT)
     string(APPEND REPOSITORY_ATTRIBUTES " commit=\"${COMMIT}\"")
 endif()
-configure_file(${SOURCE}/${ID}.nuspec.in ${WORK}/${ID}.nuspec @ONLY)
+# The package metadata NuGet reads, named after the package inside it.
+configure_file(${SOURCE}/package-metadata.xml.in ${WORK}/${ID}.nuspec @ONLY)
 
 file(GLOB_RECURSE parts RELATIVE ${WORK} ${WORK}/*)
 set(octet "ContentType=\"application/octet\"")
