@@ -1,5 +1,5 @@
 // Handle lifecycle, error list, build identity and the application object, through the C ABI.
-#include "dataExchange.h"
+#include "dataExchangeExt.h"
 
 #include <QCoreApplication>
 #include <gtest/gtest.h>
@@ -37,10 +37,16 @@ TEST(Lifecycle, TextBuffers) {
         EXPECT_STREQ(again, "#");
         return result;
     };
+    // A spool folder with nothing in it lists as "".
+    const std::string spool = ::testing::TempDir() + "lifecycle-spool-none";
+    ASSERT_EQ(dataExchangeSetSpoolFolder(handle, spool.c_str()), Success);
+    const auto spooled = [&](size_t size, char* buffer) {
+        return dataExchangeListSpooled(handle, size, buffer);
+    };
     const struct {
         std::function<int32_t(size_t, char*)> call;
         std::string text;
-    } cases[] = {{dataExchangeVersion, version}, {errors, error}};
+    } cases[] = {{dataExchangeVersion, version}, {errors, error}, {spooled, ""}};
     for (const auto& c : cases) {
         for (size_t size : {c.text.size() + 1, c.text.size(), size_t(5)}) {
             char buffer[128];
